@@ -1,0 +1,60 @@
+#include <trel/HttpClientCache.h>
+
+#include "Log.h"
+
+#include <algorithm>
+
+namespace {
+const char* const kLogFile = "src/lib/httpClient/HttpClientCache";
+const log4cplus::Logger logger = trel::log::libraryLogger();
+} // namespace
+
+HttpClientCache::HttpClientCache()
+{
+    entries.setMaxCost(0);
+}
+
+const HttpClientCacheEntry* HttpClientCache::retrieve(const TrelUrl& url)
+{
+    const QByteArray key = url.cachePath();
+    const HttpClientCacheEntry* entry = entries.object(key); // marks it most recently used
+    if (!entry) {
+        return nullptr;
+    }
+    if (!entry->isFresh()) {
+        TREL_DEBUG("Cache entry expired " << url);
+        entries.remove(key);
+        return nullptr;
+    }
+    TREL_DEBUG("Request found in cache " << url);
+    return entry;
+}
+
+bool HttpClientCache::tryCache(const TrelUrl& url, HttpClientStatus status, int code,
+                               const HttpClientHeaders& headers, const QByteArray& body)
+{
+    TREL_ENTER("bool HttpClientCache::tryCache(const TrelUrl&, HttpClientStatus, int, "
+               "const HttpClientHeaders&, const QByteArray&)",
+               "Url: " << url << " status: " << status << " code: " << code
+                       << " header: " << headers);
+    if (entries.maxCost() == 0 || !HttpClientCacheEntry::shouldCache(headers)) {
+        return false;
+    }
+    TREL_DEBUG("Inserting into cache " << url);
+    // A body larger than the whole budget is still stored, pushing out every other entry.
+    const int cost = std::min(body.size(), entries.maxCost());
+    entries.insert(url.cachePath(), new HttpClientCacheEntry(status, code, headers, body), cost);
+    return true;
+}
+
+void HttpClientCache::setCacheSize(int size)
+{
+    TREL_ENTER("void HttpClientCache::setCacheSize(int)", "Bytes " << size);
+    entries.setMaxCost(size);
+}
+
+void HttpClientCache::clear()
+{
+    TREL_ENTER("void HttpClientCache::clear()", "");
+    entries.clear();
+}

@@ -1,0 +1,88 @@
+#include <trel/HttpClientHeaders.h>
+
+#include "Log.h"
+
+#include <QTextStream>
+
+#include <cstring>
+
+namespace {
+const char* const kLogFile = "src/lib/httpClient/HttpClientHeaders";
+const log4cplus::Logger logger = trel::log::libraryLogger();
+} // namespace
+
+HttpClientHeaders::HttpClientHeaders(const QHash<QString, QString>& headers)
+{
+    for (auto it = headers.cbegin(); it != headers.cend(); ++it) {
+        insert(it.key(), it.value());
+    }
+}
+
+HttpClientHeaders::HttpClientHeaders(const std::initializer_list<std::pair<QString, QString>>& headers)
+{
+    for (const auto& header : headers) {
+        insert(header.first, header.second);
+    }
+}
+
+HttpClientHeaders::HttpClientHeaders(const QByteArray& rawBlock)
+{
+    // Read as a C string: whatever follows a NUL byte is not part of the block.
+    const QByteArray text(rawBlock.constData(), static_cast<int>(qstrnlen(rawBlock.constData(), rawBlock.size())));
+    QTextStream stream(text, QIODevice::ReadOnly);
+    for (QString line = stream.readLine(); !line.isNull(); line = stream.readLine()) {
+        const int colon = line.indexOf(QLatin1Char(':'));
+        if (colon < 1) {
+            continue; // status lines, blank lines, lines starting with a colon
+        }
+        insert(line.left(colon), line.mid(colon + 1).trimmed());
+    }
+}
+
+void HttpClientHeaders::insert(const QString& name, const QString& value)
+{
+    Header& entry = entries[name.toLower()];
+    entry.name = name;
+    entry.value = value;
+}
+
+bool HttpClientHeaders::contains(const QString& name) const
+{
+    return entries.contains(name.toLower());
+}
+
+QString HttpClientHeaders::value(const QString& name, const QString& defaultValue) const
+{
+    const auto it = entries.constFind(name.toLower());
+    return it == entries.cend() ? defaultValue : it->value;
+}
+
+QString HttpClientHeaders::value(const QString& name, bool* exists) const
+{
+    TREL_ASSERT(exists);
+    const auto it = entries.constFind(name.toLower());
+    *exists = it != entries.cend();
+    return *exists ? it->value : QString();
+}
+
+QHash<QString, QString> HttpClientHeaders::headers() const
+{
+    QHash<QString, QString> result;
+    for (const Header& entry : entries) {
+        result.insert(entry.name, entry.value);
+    }
+    return result;
+}
+
+std::ostream& operator<<(std::ostream& out, const HttpClientHeaders& headers)
+{
+    bool first = true;
+    for (const HttpClientHeaders::Header& entry : headers.entries) {
+        if (!first) {
+            out << ", ";
+        }
+        first = false;
+        out << entry.name << ": " << entry.value;
+    }
+    return out;
+}

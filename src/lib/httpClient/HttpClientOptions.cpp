@@ -1,0 +1,106 @@
+#include <trel/HttpClientOptions.h>
+
+const QSet<HttpClientOptions::HttpPostRedirFlags> HttpClientOptions::PostRedirAll = {
+    HttpClientOptions::PostRedir301, HttpClientOptions::PostRedir302, HttpClientOptions::PostRedir303};
+
+HttpClientOptions::HttpClientOptions() = default;
+
+void HttpClientOptions::setUserData(const HttpClientPrivate& userData)
+{
+    userData_ = userData; // shares the payload; a no-op when it is already shared
+}
+
+HttpClientPrivate HttpClientOptions::userData() const
+{
+    return userData_;
+}
+
+void HttpClientOptions::setTimeoutMs(int timeoutMs)
+{
+    timeoutMs_ = timeoutMs;
+}
+
+int HttpClientOptions::timeoutMs() const
+{
+    return timeoutMs_;
+}
+
+void HttpClientOptions::setReadSizeLimit(int readSizeLimit)
+{
+    readSizeLimit_ = readSizeLimit;
+}
+
+int HttpClientOptions::readSizeLimit() const
+{
+    return readSizeLimit_;
+}
+
+void HttpClientOptions::setImmediateRead(bool immediateRead)
+{
+    immediateRead_ = immediateRead;
+}
+
+bool HttpClientOptions::immediateRead() const
+{
+    return immediateRead_;
+}
+
+void HttpClientOptions::setMaxRedirects(int maxRedirects)
+{
+    maxRedirects_ = maxRedirects;
+}
+
+int HttpClientOptions::maxRedirects() const
+{
+    return maxRedirects_;
+}
+
+void HttpClientOptions::setRedirectAuth(bool redirectAuth)
+{
+    redirectAuth_ = redirectAuth;
+}
+
+bool HttpClientOptions::redirectAuth() const
+{
+    return redirectAuth_;
+}
+
+void HttpClientOptions::disableCompression(bool disable)
+{
+    disableCompression_ = disable;
+}
+
+bool HttpClientOptions::isDisabledCompression() const
+{
+    return disableCompression_;
+}
+
+void HttpClientOptions::setVerifyPeer(bool verifyPeer)
+{
+    verifyPeer_ = verifyPeer;
+}
+
+bool HttpClientOptions::verifyPeer() const
+{
+    return verifyPeer_;
+}
+
+void HttpClientOptions::setHeaders(const HttpClientHeaders& headers)
+{
+    headers_ = headers;
+}
+
+HttpClientHeaders HttpClientOptions::headers() const
+{
+    return headers_;
+}
+
+void HttpClientOptions::setPostRedirectFlags(QSet<HttpPostRedirFlags> flags)
+{
+    postRedirectFlags_ = std::move(flags);
+}
+
+QSet<HttpClientOptions::HttpPostRedirFlags> HttpClientOptions::postRedirectFlags() const
+{
+    return postRedirectFlags_;
+}

@@ -1,0 +1,9 @@
+#include <trel/HttpClient.h>
+#include <trel/HttpClientStatus.h>
+
+#include <trel/DbgLog.h>
+
+std::ostream& operator<<(std::ostream& out, HttpClientStatus status)
+{
+    return out << HttpClient::toString(status);
+}

@@ -1,0 +1,453 @@
+#include <trel/HttpClientTransfer.h>
+
+#include "Log.h"
+
+#include <QDir>
+
+#include <cstring>
+
+namespace {
+const char* const kLogFile = "src/lib/httpClient/HttpClientTransfer";
+const log4cplus::Logger logger = trel::log::libraryLogger();
+
+// HttpClient::HttpMethod values; the client's header is not needed here.
+constexpr int kMethodHead = 1;
+constexpr int kMethodPost = 2;
+constexpr int kMethodPut = 3;
+constexpr int kMethodDelete = 4;
+constexpr int kMethodPatch = 5;
+constexpr int kHttpVersion2 = 1;
+
+const char* const kEffectiveUrlHeader = "X-TrelEfectiveUrl";
+
+long postRedirectMask(const QSet<HttpClientOptions::HttpPostRedirFlags>& flags)
+{
+    long mask = 0;
+    for (const HttpClientOptions::HttpPostRedirFlags flag : flags) {
+        switch (flag) {
+        case HttpClientOptions::PostRedir301:
+            mask |= CURL_REDIR_POST_301;
+            break;
+        case HttpClientOptions::PostRedir302:
+            mask |= CURL_REDIR_POST_302;
+            break;
+        case HttpClientOptions::PostRedir303:
+            mask |= CURL_REDIR_POST_303;
+            break;
+        }
+    }
+    return mask;
+}
+
+// The one place where a libcurl result becomes a status.
+HttpClientStatus statusFromCurlCode(CURLcode code)
+{
+    switch (code) {
+    case CURLE_OK:
+        return HttpClientStatus::OK;
+    case CURLE_COULDNT_RESOLVE_PROXY:
+    case CURLE_COULDNT_RESOLVE_HOST:
+        return HttpClientStatus::ResolveError;
+    case CURLE_COULDNT_CONNECT:
+        return HttpClientStatus::ConnectError;
+    case CURLE_OPERATION_TIMEDOUT:
+        return HttpClientStatus::Timeout;
+    default:
+        return HttpClientStatus::Error;
+    }
+}
+
+QString temporaryFileTemplate()
+{
+    return QDir::tempPath() + QDir::separator() + QStringLiteral("trel-http-fetcher");
+}
+
+} // namespace
+
+// ---------------------------------------------------------------------------
+// File
+
+HttpClientTransfer::File::File(const QByteArray& data)
+    : file(temporaryFileTemplate())
+{
+    TREL_DEBUG("Using temp file: " << file.fileName());
+    if (!file.open()) {
+        TREL_ERROR("Failed to open temporary file for upload data!");
+        return;
+    }
+    if (file.write(data) == data.size()) {
+        valid = true;
+        file.close(); // libcurl opens it again by path when it sends
+        return;
+    }
+    TREL_ERROR("Error writing file: " << file.fileName());
+}
+
+QString HttpClientTransfer::File::fileName()
+{
+    return valid ? file.fileName() : QString();
+}
+
+// ---------------------------------------------------------------------------
+// Construction
+
+HttpClientTransfer::HttpClientTransfer(int httpVersion, const TrelUrl& url, int method,
+                                       const HttpClientOptions& options, Completion callback)
+    : QObject(nullptr)
+    , url(url)
+    , method(method)
+    , options(options)
+    , callback(std::move(callback))
+{
+    receiveBuffer.sizeLimit = options.readSizeLimit();
+    easy.reset(curl_easy_init());
+    if (easy) {
+        configure(httpVersion);
+    }
+}
+
+HttpClientTransfer::HttpClientTransfer(int /*httpVersion*/, void* pushedEasy, void* multi,
+                                       const HttpClientOptions& options, Completion callback)
+    : QObject(nullptr)
+    , easy(static_cast<CURL*>(pushedEasy))
+    , method(0) // Get: a pushed stream never takes a body
+    , options(options)
+    , callback(std::move(callback))
+    , activeMulti(static_cast<CURLM*>(multi)) // libcurl already added the pushed handle
+{
+    receiveBuffer.sizeLimit = options.readSizeLimit();
+    installReceiveCallbacks();
+}
+
+void HttpClientTransfer::configure(int httpVersion)
+{
+    CURL* const handle = easy.get();
+
+    const QHash<QString, QString> requestHeaders = options.headers().headers();
+    for (auto it = requestHeaders.cbegin(); it != requestHeaders.cend(); ++it) {
+        const QByteArray line = (it.key() + QStringLiteral(": ") + it.value()).toUtf8();
+        headerList.reset(curl_slist_append(headerList.release(), line.constData()));
+    }
+    if (headerList) {
+        curl_easy_setopt(handle, CURLOPT_HTTPHEADER, headerList.get());
+    }
+
+    if (!options.verifyPeer()) {
+        // Widening authentication together with peer verification is intended.
+        curl_easy_setopt(handle, CURLOPT_HTTPAUTH, CURLAUTH_ANY);
+        curl_easy_setopt(handle, CURLOPT_SSL_VERIFYPEER, 0L);
+    }
+    if (!options.isDisabledCompression()) {
+        curl_easy_setopt(handle, CURLOPT_ACCEPT_ENCODING, ""); // every encoding libcurl has
+    }
+    if (httpVersion == kHttpVersion2) {
+        curl_easy_setopt(handle, CURLOPT_HTTP_VERSION, static_cast<long>(CURL_HTTP_VERSION_2_0));
+        curl_easy_setopt(handle, CURLOPT_PIPEWAIT, 1L);
+    }
+
+    curl_easy_setopt(handle, CURLOPT_URL, url.toEncoded().constData());
+    installReceiveCallbacks();
+    curl_easy_setopt(handle, CURLOPT_NOSIGNAL, 1L);
+
+    const int maxRedirects = options.maxRedirects();
+    curl_easy_setopt(handle, CURLOPT_FOLLOWLOCATION, maxRedirects != 0 ? 1L : 0L);
+    curl_easy_setopt(handle, CURLOPT_MAXREDIRS, maxRedirects >= 0 ? static_cast<long>(maxRedirects) : -1L);
+    curl_easy_setopt(handle, CURLOPT_UNRESTRICTED_AUTH, options.redirectAuth() ? 1L : 0L);
+
+    curl_easy_setopt(handle, CURLOPT_TCP_KEEPALIVE, 1L);
+    curl_easy_setopt(handle, CURLOPT_TCP_KEEPIDLE, 60L);
+    curl_easy_setopt(handle, CURLOPT_TCP_KEEPINTVL, 60L);
+
+    if (options.timeoutMs() > 0) {
+        curl_easy_setopt(handle, CURLOPT_TIMEOUT_MS, static_cast<long>(options.timeoutMs()));
+    }
+
+    switch (method) {
+    case kMethodHead:
+        curl_easy_setopt(handle, CURLOPT_HEADER, 1L); // header lines reach the body too
+        curl_easy_setopt(handle, CURLOPT_NOBODY, 1L);
+        break;
+    case kMethodPost:
+        curl_easy_setopt(handle, CURLOPT_POST, 1L);
+        break;
+    case kMethodPut:
+        curl_easy_setopt(handle, CURLOPT_CUSTOMREQUEST, "PUT");
+        break;
+    case kMethodDelete:
+        curl_easy_setopt(handle, CURLOPT_CUSTOMREQUEST, "DELETE");
+        break;
+    case kMethodPatch:
+        curl_easy_setopt(handle, CURLOPT_CUSTOMREQUEST, "PATCH");
+        break;
+    default:
+        break; // Get: libcurl's default
+    }
+
+    const QSet<HttpClientOptions::HttpPostRedirFlags> postRedirect = options.postRedirectFlags();
+    if (!postRedirect.isEmpty()) {
+        curl_easy_setopt(handle, CURLOPT_POSTREDIR, postRedirectMask(postRedirect));
+    }
+}
+
+void HttpClientTransfer::installReceiveCallbacks()
+{
+    CURL* const handle = easy.get();
+    curl_easy_setopt(handle, CURLOPT_WRITEFUNCTION, &HttpClientTransfer::curlWriteFunc);
+    curl_easy_setopt(handle, CURLOPT_HEADERFUNCTION, &HttpClientTransfer::curlWriteHeader);
+    curl_easy_setopt(handle, CURLOPT_HEADERDATA, &receiveBuffer);
+    curl_easy_setopt(handle, CURLOPT_WRITEDATA, &receiveBuffer);
+}
+
+HttpClientTransfer::~HttpClientTransfer()
+{
+    if (activeMulti) {
+        cancel(); // an active transfer still reports to its caller
+    }
+    // The easy handle goes before the header list and the bodies it points at.
+    easy.reset();
+    headerList.reset();
+}
+
+void* HttpClientTransfer::handle()
+{
+    return easy.get();
+}
+
+// ---------------------------------------------------------------------------
+// Request bodies
+
+bool HttpClientTransfer::acceptsBody()
+{
+    if (method < kMethodPost) {
+        TREL_ERROR("Transfer cannot contains data");
+        return false;
+    }
+    return true;
+}
+
+QSharedPointer<curl_mime> HttpClientTransfer::newMime()
+{
+    curl_mime* const mime = curl_mime_init(easy.get());
+    return mime ? QSharedPointer<curl_mime>(mime, curl_mime_free) : QSharedPointer<curl_mime>();
+}
+
+bool HttpClientTransfer::setDataToUpload(const QByteArray& data)
+{
+    TREL_ENTER("bool HttpClientTransfer::setDataToUpload(const QByteArray&)",
+               "Data size: " << data.size());
+    if (!acceptsBody()) {
+        return false;
+    }
+    uploadBytes = data;
+    uploadBytes.detach(); // libcurl reads this buffer; the caller keeps its own
+    curl_easy_setopt(easy.get(), CURLOPT_POSTFIELDS, uploadBytes.constData());
+    curl_easy_setopt(easy.get(), CURLOPT_POSTFIELDSIZE, static_cast<long>(uploadBytes.size()));
+    return true;
+}
+
+bool HttpClientTransfer::setDataToUpload(const QList<QPair<QString, QString>>& form)
+{
+    TREL_ENTER("bool HttpClientTransfer::setDataToUpload(const QList<QPair<QString, QString> >&)",
+               "Form size: " << form.size());
+    if (!acceptsBody()) {
+        return false;
+    }
+    const QSharedPointer<curl_mime> mime = newMime();
+    for (const auto& field : form) {
+        const QByteArray name = field.first.toUtf8();
+        const QByteArray value = field.second.toUtf8();
+        curl_mimepart* const part = curl_mime_addpart(mime.data());
+        if (curl_mime_name(part, name.constData()) != CURLE_OK) {
+            TREL_ERROR("Failed to add a form key: " << field.first);
+            return false;
+        }
+        if (curl_mime_data(part, value.constData(), CURL_ZERO_TERMINATED) != CURLE_OK) {
+            TREL_ERROR("Failed to add a form value: " << field.second);
+            return false;
+        }
+    }
+    mimeBody = mime;
+    curl_easy_setopt(easy.get(), CURLOPT_MIMEPOST, mimeBody.data());
+    return true;
+}
+
+bool HttpClientTransfer::setDataToUpload(const QSharedPointer<File>& file)
+{
+    TREL_ENTER("bool HttpClientTransfer::setDataToUpload(const QSharedPointer<HttpClientTransfer::File>&)",
+               "File: " << file->fileName());
+    if (!acceptsBody()) {
+        return false;
+    }
+    const QString path = file->fileName();
+    if (path.isEmpty()) {
+        TREL_ERROR("Failed to send invalid file");
+        return false;
+    }
+    uploadFile = file;
+    const QSharedPointer<curl_mime> mime = newMime();
+    curl_mimepart* const part = curl_mime_addpart(mime.data());
+    if (curl_mime_filedata(part, path.toUtf8().constData()) != CURLE_OK) {
+        TREL_ERROR("Failed to add a file data: " << file->fileName());
+        return false;
+    }
+    if (curl_mime_name(part, "filename") != CURLE_OK) {
+        TREL_ERROR("Failed to add filename part");
+        return false;
+    }
+    if (curl_mime_type(part, "application/octet-stream") != CURLE_OK) {
+        TREL_ERROR("Failed to add mimetype part");
+        return false;
+    }
+    mimeBody = mime;
+    curl_easy_setopt(easy.get(), CURLOPT_MIMEPOST, mimeBody.data());
+    return true;
+}
+
+bool HttpClientTransfer::setDataToUpload(const QSharedPointer<HttpClientQueue>& queue)
+{
+    TREL_ENTER("bool HttpClientTransfer::setDataToUpload(const QSharedPointer<HttpClientQueue>&)",
+               "Stream");
+    if (!acceptsBody()) {
+        return false;
+    }
+    uploadStream = queue;
+    curl_easy_setopt(easy.get(), CURLOPT_READFUNCTION, &HttpClientTransfer::streamReadCallback);
+    curl_easy_setopt(easy.get(), CURLOPT_READDATA, uploadStream.data());
+    // Unknown length: chunked over HTTP/1.1, plain DATA frames over HTTP/2, so
+    // every byte pushed into the queue reaches the server.
+    curl_easy_setopt(easy.get(), CURLOPT_POSTFIELDSIZE, -1L);
+    return true;
+}
+
+size_t HttpClientTransfer::streamReadCallback(void* buffer, size_t size, size_t count, void* queue)
+{
+    const size_t room = size * count;
+    if (room == 0) {
+        return 0;
+    }
+    // Blocks the client's thread while the queue is open and empty.
+    const int got = static_cast<HttpClientQueue*>(queue)->read(static_cast<char*>(buffer),
+                                                               static_cast<int>(room));
+    TREL_TRACE("Stream read size: " << got);
+    if (got > 0) {
+        return static_cast<size_t>(got);
+    }
+    TREL_DEBUG("End of stream reached");
+    return 0;
+}
+
+// ---------------------------------------------------------------------------
+// Reception
+
+size_t HttpClientTransfer::curlWriteHeader(void* data, size_t size, size_t count, void* receiveBuffer)
+{
+    const size_t n = size * count;
+    static_cast<ReceiveBuffer*>(receiveBuffer)->headerBlock.append(static_cast<const char*>(data),
+                                                                   static_cast<int>(n));
+    return n;
+}
+
+size_t HttpClientTransfer::curlWriteFunc(void* data, size_t size, size_t count, void* receiveBuffer)
+{
+    auto* const buffer = static_cast<ReceiveBuffer*>(receiveBuffer);
+    std::uint64_t n = size * count;
+    const std::int64_t current = buffer->body.size();
+    // Unsigned on purpose: a negative limit never trims.
+    if (static_cast<std::uint64_t>(current) + n > static_cast<std::uint64_t>(buffer->sizeLimit)) {
+        const std::int64_t room = buffer->sizeLimit - current;
+        TREL_ERROR("CURL data: not enough space in buffer, trimmed by "
+                   << (static_cast<std::int64_t>(n) - room) << " bytes!");
+        n = static_cast<std::uint64_t>(room);
+    }
+    buffer->body.append(static_cast<const char*>(data), static_cast<int>(n));
+    return static_cast<size_t>(n);
+}
+
+long HttpClientTransfer::responseCode()
+{
+    long code = -1;
+    curl_easy_getinfo(easy.get(), CURLINFO_RESPONSE_CODE, &code);
+    return code;
+}
+
+HttpClientHeaders HttpClientTransfer::receivedHeaders(bool withEffectiveUrl)
+{
+    HttpClientHeaders headers(receiveBuffer.headerBlock);
+    if (withEffectiveUrl) {
+        const QString effectiveUrl = getEffectiveUrl(easy.get());
+        if (!effectiveUrl.isEmpty()) {
+            headers.insert(QString::fromLatin1(kEffectiveUrlHeader), effectiveUrl);
+        }
+    }
+    return headers;
+}
+
+void HttpClientTransfer::update()
+{
+    if (!options.immediateRead()) {
+        return;
+    }
+    if (receiveBuffer.body.isEmpty() && receiveBuffer.headerBlock.isEmpty()) {
+        return;
+    }
+    const HttpClientHeaders headers = receivedHeaders(true);
+    const long code = responseCode();
+    reportCompletion(HttpClientStatus::ImmediateRead, code, receiveBuffer.body, headers);
+    receiveBuffer.body.clear();
+    receiveBuffer.headerBlock.clear();
+}
+
+// ---------------------------------------------------------------------------
+// Completion
+
+void HttpClientTransfer::start(CURLM* multi)
+{
+    if (activeMulti) {
+        TREL_FATAL("Transfer is already active");
+        return;
+    }
+    activeMulti = multi;
+    curl_multi_add_handle(multi, easy.get());
+}
+
+QString HttpClientTransfer::getEffectiveUrl(void* handle)
+{
+    const char* text = nullptr;
+    curl_easy_getinfo(static_cast<CURL*>(handle), CURLINFO_EFFECTIVE_URL, &text);
+    return text ? QString::fromUtf8(text) : QString();
+}
+
+void HttpClientTransfer::finish(CURLMsg* message)
+{
+    if (!activeMulti) {
+        TREL_ERROR("Transfer already finished");
+        return;
+    }
+    const long code = responseCode();
+    const CURLcode result = message->data.result;
+    TREL_TRACE("Transfer [" << easy.get() << "] " << url << ", done: " << static_cast<int>(result)
+                            << ", code: " << code);
+    TREL_TRACE("Output   [" << easy.get() << "] " << receiveBuffer.body.size() << " bytes");
+    const HttpClientStatus status = statusFromCurlCode(result);
+    const HttpClientHeaders headers = receivedHeaders(status == HttpClientStatus::OK);
+    curl_multi_remove_handle(activeMulti, easy.get());
+    activeMulti = nullptr;
+    reportCompletion(status, code, receiveBuffer.body, headers);
+}
+
+void HttpClientTransfer::cancel()
+{
+    if (!activeMulti) {
+        TREL_ERROR("Transfer already finished");
+        return;
+    }
+    curl_multi_remove_handle(activeMulti, easy.get());
+    activeMulti = nullptr;
+    reportCompletion(HttpClientStatus::Error, -1, QByteArray(), HttpClientHeaders());
+}
+
+void HttpClientTransfer::reportCompletion(HttpClientStatus status, long code, const QByteArray& body,
+                                          const HttpClientHeaders& headers)
+{
+    callback(status, code, body, headers); // an empty callback throws std::bad_function_call
+}

@@ -1,0 +1,50 @@
+#pragma once
+
+// The library's one logging helper. Every record goes to the logger
+// "HttpClient" with the source file named without its extension, the line of
+// the statement and the function. Messages are built by streaming, and only
+// after the level check, so a disabled level costs one comparison.
+
+#include <trel/DbgLog.h>
+#include <trel/HttpClientHeaders.h>
+#include <trel/HttpClientStatus.h>
+#include <trel/TrelUrl.h>
+
+#include <log4cplus/logger.h>
+#include <log4cplus/loglevel.h>
+
+#include <sstream>
+
+namespace trel::log {
+
+inline log4cplus::Logger libraryLogger()
+{
+    return log4cplus::Logger::getInstance(LOG4CPLUS_TEXT("HttpClient"));
+}
+
+} // namespace trel::log
+
+// Each source file defines `kLogFile` (its path without extension) and
+// `logger` (a static log4cplus::Logger named "HttpClient") before using these.
+#define TREL_LOG(level, message)                                                                   \
+    do {                                                                                           \
+        if (logger.isEnabledFor(level)) {                                                          \
+            std::ostringstream trelLogStream_;                                                     \
+            trelLogStream_ << message;                                                             \
+            logger.forcedLog(level, trelLogStream_.str(), kLogFile, __LINE__, __func__);           \
+        }                                                                                          \
+    } while (false)
+
+#define TREL_TRACE(message) TREL_LOG(log4cplus::TRACE_LOG_LEVEL, message)
+#define TREL_DEBUG(message) TREL_LOG(log4cplus::DEBUG_LOG_LEVEL, message)
+#define TREL_ERROR(message) TREL_LOG(log4cplus::ERROR_LOG_LEVEL, message)
+#define TREL_FATAL(message) TREL_LOG(log4cplus::FATAL_LOG_LEVEL, message)
+
+// "Enter <label>: <message>", where the label is the platform's name for the
+// operation's full signature.
+#define TREL_ENTER(signature, message)                                                             \
+    TREL_TRACE("Enter " << dbglog_scopedFunction(signature, "HttpClient") << ": " << message)
+
+// A contract check that stays on in every build type and names the condition.
+#define TREL_ASSERT(condition)                                                                     \
+    ((condition) ? static_cast<void>(0) : qt_assert(#condition, kLogFile, __LINE__))

@@ -1,0 +1,143 @@
+#include <trel/HttpClientHeaders.h>
+
+#include <gtest/gtest.h>
+
+#include <sstream>
+
+namespace {
+
+std::string streamed(const HttpClientHeaders& headers)
+{
+    std::ostringstream out;
+    out << headers;
+    return out.str();
+}
+
+TEST(HttpClientHeaders, NamesMatchWithoutCaseAndTheLastWrittenFormWins)
+{
+    HttpClientHeaders headers;
+    headers.insert("Content-Type", "a");
+    headers.insert("content-type", "b");
+
+    EXPECT_EQ(headers.value("CONTENT-TYPE", QString()), "b");
+    const auto all = headers.headers();
+    ASSERT_EQ(all.size(), 1);
+    EXPECT_EQ(all.begin().key(), "content-type");
+    EXPECT_EQ(all.begin().value(), "b");
+}
+
+TEST(HttpClientHeaders, ParsesStatusLineHeaderAndBlankLine)
+{
+    const HttpClientHeaders headers(QByteArray("HTTP/1.1 200 OK\r\nContent-Length: 5\r\n\r\n"));
+    const auto all = headers.headers();
+    ASSERT_EQ(all.size(), 1);
+    EXPECT_EQ(all.value("Content-Length"), "5");
+}
+
+TEST(HttpClientHeaders, ValuesAreTrimmedOfBlanksAndTabsButKeepInnerBlanks)
+{
+    const HttpClientHeaders headers(QByteArray("X-A: \t a b \t \r\n"));
+    EXPECT_EQ(headers.value("x-a", QString()), "a b");
+}
+
+TEST(HttpClientHeaders, BlankBeforeColonStaysInTheName)
+{
+    const HttpClientHeaders headers(QByteArray("Name : v\r\n"));
+    EXPECT_FALSE(headers.contains("Name"));
+    EXPECT_TRUE(headers.contains("Name "));
+    EXPECT_EQ(headers.headers().begin().key(), "Name ");
+}
+
+TEST(HttpClientHeaders, ColonRulesForOddLines)
+{
+    const HttpClientHeaders headers(
+        QByteArray(":starts-with-colon\r\nno colon here\r\nEmpty:\r\nTwo: a:b\r\n"));
+    const auto all = headers.headers();
+    EXPECT_EQ(all.size(), 2);
+    bool exists = false;
+    EXPECT_EQ(headers.value("Empty", &exists), "");
+    EXPECT_TRUE(exists);
+    EXPECT_EQ(headers.value("two", QString()), "a:b");
+}
+
+TEST(HttpClientHeaders, RepeatedNameKeepsOnlyTheLastValue)
+{
+    const HttpClientHeaders headers(QByteArray("Set-Cookie: a=1\r\nSet-Cookie: b=2\r\n"));
+    EXPECT_EQ(headers.value("set-cookie", QString()), "b=2");
+    EXPECT_EQ(headers.headers().size(), 1);
+}
+
+TEST(HttpClientHeaders, ParsingStopsAtNulByte)
+{
+    static const char raw[] = "A: 1\r\nB: 2\0C: 3\r\n";
+    const QByteArray block(raw, sizeof(raw) - 1);
+    const HttpClientHeaders headers(block);
+    EXPECT_TRUE(headers.contains("A"));
+    EXPECT_TRUE(headers.contains("B"));
+    EXPECT_FALSE(headers.contains("C"));
+}
+
+TEST(HttpClientHeaders, LaterSectionOverridesEarlierButEarlierOnlyNamesRemain)
+{
+    const HttpClientHeaders headers(QByteArray("HTTP/1.1 302 Found\r\nLocation: /b\r\nServer: one\r\n\r\n"
+                                               "HTTP/1.1 200 OK\r\nserver: two\r\n\r\n"));
+    EXPECT_EQ(headers.value("Server", QString()), "two");
+    EXPECT_EQ(headers.headers().value("server"), "two");
+    EXPECT_EQ(headers.value("Location", QString()), "/b");
+}
+
+TEST(HttpClientHeaders, ContinuationLinesAreOrdinaryLines)
+{
+    const HttpClientHeaders headers(QByteArray("A: 1\r\n folded\r\n X: y\r\n"));
+    EXPECT_EQ(headers.value("A", QString()), "1");
+    EXPECT_TRUE(headers.contains(" X"));
+    EXPECT_EQ(headers.headers().size(), 2);
+}
+
+TEST(HttpClientHeaders, AbsentNameGivesNullWithFlagOrTheDefault)
+{
+    const HttpClientHeaders headers({{"A", "1"}});
+    bool exists = true;
+    const QString missing = headers.value("B", &exists);
+    EXPECT_FALSE(exists);
+    EXPECT_TRUE(missing.isNull());
+    EXPECT_EQ(headers.value("B", QString("fallback")), "fallback");
+}
+
+TEST(HttpClientHeaders, InitializerListLaterPairWinsOnCaseOnlyDifference)
+{
+    const HttpClientHeaders headers({{"Accept", "a"}, {"ACCEPT", "b"}});
+    const auto all = headers.headers();
+    ASSERT_EQ(all.size(), 1);
+    EXPECT_EQ(all.value("ACCEPT"), "b");
+}
+
+TEST(HttpClientHeaders, HashConstructorStoresEveryPair)
+{
+    QHash<QString, QString> map;
+    map.insert("A", "1");
+    map.insert("B", "2");
+    const HttpClientHeaders headers(map);
+    EXPECT_EQ(headers.headers(), map);
+}
+
+TEST(HttpClientHeaders, StreamingEmptyWritesNothing)
+{
+    EXPECT_EQ(streamed(HttpClientHeaders()), "");
+}
+
+TEST(HttpClientHeaders, StreamingWritesNameColonValueSeparatedByComma)
+{
+    const HttpClientHeaders headers({{"A", "1"}, {"B", "2"}});
+    const std::string text = streamed(headers);
+    EXPECT_TRUE(text == "A: 1, B: 2" || text == "B: 2, A: 1") << text;
+}
+
+TEST(HttpClientHeadersDeathTest, NullFlagPointerIsAContractViolationNamedExists)
+{
+    const HttpClientHeaders headers;
+    EXPECT_DEATH(headers.value("A", static_cast<bool*>(nullptr)),
+                 "exists.*src/lib/httpClient/HttpClientHeaders");
+}
+
+} // namespace
