@@ -1,5 +1,76 @@
 #include <trel/HttpClient.h>
 
+#include "Log.h"
+
+#include <QMetaObject>
+
+namespace {
+const char* const kLogFile = "src/lib/httpClient/HttpClient";
+const log4cplus::Logger logger = trel::log::libraryLogger();
+
+// Idle writable sockets wake the loop at most once per this interval.
+constexpr int kWriteNotifierBlockMs = 50;
+} // namespace
+
+// ---------------------------------------------------------------------------
+// Lifecycle
+
+HttpClient::HttpClient(QObject* parent, HttpVersion version, bool encodePlusSign)
+    : QObject(parent)
+    , httpVersion(version)
+    , encodePlusSign(encodePlusSign)
+{
+    TREL_ENTER("HttpClient::HttpClient(QObject*, HttpClient::HttpVersion, bool)",
+               "HttpVersion: " << static_cast<int>(version) << " encodePlusSign: " << encodePlusSign);
+    multi = curl_multi_init();
+    curl_multi_setopt(multi, CURLMOPT_SOCKETFUNCTION, &HttpClient::handleSocket);
+    curl_multi_setopt(multi, CURLMOPT_SOCKETDATA, this);
+
+    // Queued: libcurl's timeouts are served from the event loop, never inside
+    // the timer's emission or a libcurl callback.
+    timer.setSingleShot(true);
+    connectVerified(&timer, SIGNAL(timeout()), SLOT(on_timer_timeout()), Qt::QueuedConnection);
+    curl_multi_setopt(multi, CURLMOPT_TIMERFUNCTION, &HttpClient::startTimeout);
+    curl_multi_setopt(multi, CURLMOPT_TIMERDATA, this);
+
+    qRegisterMetaType<HttpClientPrivate>("HttpClientPrivate");
+    qRegisterMetaType<HttpClientHeaders>("HttpClientHeaders");
+    qRegisterMetaType<HttpClientResult>("HttpClient::Result");
+    qRegisterMetaType<Callback>("HttpClient::Callback");
+
+    if (httpVersion == Http2) {
+        curl_multi_setopt(multi, CURLMOPT_PUSHFUNCTION, &HttpClient::serverPushCallback);
+        curl_multi_setopt(multi, CURLMOPT_PUSHDATA, this);
+        curl_multi_setopt(multi, CURLMOPT_PIPELINING, CURLPIPE_MULTIPLEX);
+    }
+
+    writeNotifiersBlocked.setSingleShot(true);
+    writeNotifiersBlocked.setInterval(kWriteNotifierBlockMs);
+    connectVerified(&writeNotifiersBlocked, SIGNAL(timeout()), SLOT(on_writeNotifiersBlocked_timeout()),
+                    Qt::QueuedConnection);
+}
+
+HttpClient::~HttpClient()
+{
+    TREL_ENTER("virtual HttpClient::~HttpClient()", "");
+    // Every live transfer still reports its one result (Error, -1).
+    const QList<void*> ids = transfers.keys();
+    for (void* id : ids) {
+        const QSharedPointer<HttpClientTransfer> transfer = transfers.take(id);
+        transfer->cancel();
+    }
+    // libcurl may still ask to remove sockets from here; the tables are alive.
+    curl_multi_cleanup(multi);
+    multi = nullptr;
+}
+
+void HttpClient::connectVerified(const QObject* sender, const char* signal, const char* method,
+                                 Qt::ConnectionType type)
+{
+    const bool connection = static_cast<bool>(connect(sender, signal, this, method, type));
+    TREL_ASSERT(connection);
+}
+
 QString HttpClient::toString(HttpClientStatus status)
 {
     switch (status) {
@@ -17,4 +88,465 @@ QString HttpClient::toString(HttpClientStatus status)
         return QStringLiteral("ImmediateRead");
     }
     return QStringLiteral("Invalid status %1").arg(static_cast<int>(status));
+}
+
+// ---------------------------------------------------------------------------
+// Socket watching
+
+// Runs inside curl_multi_socket_action (or curl_multi_cleanup) on the client's
+// thread; may add or remove notifiers.
+int HttpClient::handleSocket(CURL* /*easy*/, curl_socket_t s, int what, void* userp, void* /*socketp*/)
+{
+    auto* const client = static_cast<HttpClient*>(userp);
+    TREL_ENTER("static int HttpClient::handleSocket(CURL*, curl_socket_t, int, void*, void*)",
+               "Socket: " << s << " action " << what);
+    switch (what) {
+    case CURL_POLL_IN:
+        client->writeWantedSockets.remove(s);
+        client->listenSocket(s, true, false);
+        break;
+    case CURL_POLL_OUT:
+        client->writeWantedSockets.insert(s);
+        client->listenSocket(s, false, true);
+        break;
+    case CURL_POLL_INOUT:
+        client->writeWantedSockets.insert(s);
+        client->listenSocket(s, true, true);
+        break;
+    case CURL_POLL_REMOVE:
+        client->writeWantedSockets.remove(s);
+        client->removeSocket(s);
+        break;
+    default:
+        TREL_ERROR("Invalid action: " << what);
+        break;
+    }
+    return 0;
+}
+
+QSharedPointer<QSocketNotifier> HttpClient::makeNotifier(curl_socket_t socket, QSocketNotifier::Type type)
+{
+    // No Qt parent: the table's shared pointer is the only owner.
+    return QSharedPointer<QSocketNotifier>::create(socket, type, nullptr);
+}
+
+// Only ever adds: a direction libcurl stops asking for keeps its notifier until
+// the socket is removed (idle write notifiers are throttled instead).
+void HttpClient::listenSocket(curl_socket_t socket, bool in, bool out)
+{
+    TREL_ENTER("void HttpClient::listenSocket(curl_socket_t, bool, bool)",
+               "Listen socket " << socket << " in " << in << " out " << out);
+    if (in) {
+        if (readNotifiers.contains(socket)) {
+            TREL_TRACE("in, already present");
+        } else {
+            TREL_TRACE("in, creating new");
+            const auto notifier = makeNotifier(socket, QSocketNotifier::Read);
+            readNotifiers.insert(socket, notifier);
+            connectVerified(notifier.data(), SIGNAL(activated(int)), SLOT(on_readNotifier_activated(int)),
+                            Qt::AutoConnection);
+        }
+    }
+    if (out) {
+        if (writeNotifiers.contains(socket)) {
+            TREL_TRACE("out, already present");
+            // libcurl has data to write again: a throttled notifier must not
+            // hold it back for the rest of the block time.
+            if (blockedWriteSockets.remove(socket)) {
+                writeNotifiers.value(socket)->setEnabled(true);
+            }
+            return;
+        }
+        TREL_TRACE("out, creating new");
+        const auto notifier = makeNotifier(socket, QSocketNotifier::Write);
+        writeNotifiers.insert(socket, notifier);
+        connectVerified(notifier.data(), SIGNAL(activated(int)), SLOT(on_writeNotifier_activated(int)),
+                        Qt::AutoConnection);
+    }
+}
+
+void HttpClient::removeSocket(curl_socket_t socket)
+{
+    TREL_ENTER("void HttpClient::removeSocket(curl_socket_t)", "Remove socket " << socket);
+    readNotifiers.remove(socket);
+    writeNotifiers.remove(socket);
+    // blockedWriteSockets keeps the descriptor until the next release drops it.
+}
+
+// ---------------------------------------------------------------------------
+// Event-loop driving
+
+// Runs inside libcurl calls; the timer's queued connection serves even a 0 ms
+// timeout from a later turn of the event loop.
+int HttpClient::startTimeout(CURLM* /*multi*/, long timeout_ms, void* userp)
+{
+    auto* const client = static_cast<HttpClient*>(userp);
+    if (timeout_ms < 0) {
+        client->timer.stop();
+    } else {
+        client->timer.start(static_cast<int>(timeout_ms));
+    }
+    return 0;
+}
+
+void HttpClient::on_timer_timeout()
+{
+    on_transfer_socketData(CURL_SOCKET_TIMEOUT, 0);
+}
+
+void HttpClient::on_readNotifier_activated(int socket)
+{
+    TREL_ENTER("void HttpClient::on_readNotifier_activated(int)", socket);
+    on_transfer_socketData(socket, CURL_CSELECT_IN);
+}
+
+void HttpClient::on_writeNotifier_activated(int socket)
+{
+    TREL_ENTER("void HttpClient::on_writeNotifier_activated(int)", socket);
+    on_transfer_socketData(socket, CURL_CSELECT_OUT);
+    // A socket libcurl still writes to stays enabled; one it no longer asks
+    // to write to would fire on every turn, so it is silenced for a while.
+    if (writeNotifiers.contains(socket) && !writeWantedSockets.contains(socket)) {
+        blockWriteNotifier(socket);
+    }
+}
+
+void HttpClient::blockWriteNotifier(int socket)
+{
+    TREL_TRACE("blocking write-notifier on " << socket);
+    writeNotifiers.value(socket)->setEnabled(false);
+    blockedWriteSockets.insert(socket);
+    if (!writeNotifiersBlocked.isActive()) {
+        writeNotifiersBlocked.start();
+    }
+}
+
+void HttpClient::on_writeNotifiersBlocked_timeout()
+{
+    TREL_ENTER("void HttpClient::on_writeNotifiersBlocked_timeout()", "");
+    const QSet<int> blocked = blockedWriteSockets;
+    for (const int socket : blocked) {
+        const auto notifier = writeNotifiers.value(socket);
+        if (notifier) {
+            TREL_TRACE("unblocking write-notifier on " << socket);
+            notifier->setEnabled(true);
+        }
+    }
+    blockedWriteSockets.clear();
+}
+
+void HttpClient::on_transfer_socketData(int socket, int flags)
+{
+    int running = 0;
+    curl_multi_socket_action(multi, socket, flags, &running);
+    // Every live transfer looks at what arrived, not only the one whose socket fired.
+    const auto live = transfers;
+    for (const auto& transfer : live) {
+        transfer->update();
+    }
+    harvestFinishedTransfers();
+}
+
+void HttpClient::harvestFinishedTransfers()
+{
+    int left = 0;
+    while (CURLMsg* const message = curl_multi_info_read(multi, &left)) {
+        TREL_TRACE("MSG(left: " << left << "): " << static_cast<int>(message->msg)
+                                << ", result: " << static_cast<int>(message->data.result));
+        if (message->msg != CURLMSG_DONE) {
+            continue;
+        }
+        // Out of the table before finish, so a completion that starts or
+        // cancels requests sees a table without this transfer.
+        const QSharedPointer<HttpClientTransfer> transfer = transfers.take(message->easy_handle);
+        if (transfer) {
+            transfer->finish(message);
+        }
+    }
+}
+
+// ---------------------------------------------------------------------------
+// Requests
+
+template <typename T>
+void* HttpClient::send(const TrelUrl& url, HttpMethod method, const T& body, const HttpClientOptions& options,
+                       const Reply& reply, const char* signature)
+{
+    TREL_ENTER(signature, "Url: " << url << ", method: " << static_cast<int>(method)
+                                  << ", timeout: " << options.timeoutMs() << "ms");
+    if (method == Get) {
+        if (const HttpClientCacheEntry* const entry = cache.retrieve(url)) {
+            // Copied at once: the entry may go with the next cache change.
+            const HttpClientResult result{url, entry->status, entry->code, entry->body, entry->headers};
+            notifyCaller(reply, result, options.userData());
+            return nullptr;
+        }
+    }
+    const QSharedPointer<HttpClientTransfer> transfer = createTransfer(url, method, options, reply);
+    if (!transfer) {
+        return nullptr;
+    }
+    if (method > Head && !transfer->setDataToUpload(body)) {
+        return nullptr; // destroyed unstarted: no result follows
+    }
+    void* const id = transfer->handle();
+    transfers.insert(id, transfer);
+    transfer->start(multi);
+    return id;
+}
+
+QSharedPointer<HttpClientTransfer> HttpClient::createTransfer(TrelUrl url, HttpMethod method,
+                                                              const HttpClientOptions& options,
+                                                              const Reply& reply)
+{
+    TREL_ENTER("QSharedPointer<HttpClientTransfer> HttpClient::createTransfer(TrelUrl, "
+               "HttpClient::HttpMethod, const HttpClientOptions&, const HttpClient::Reply&)",
+               "Url: " << url << " method: " << static_cast<int>(method));
+    // The caller's own URL, before rewriting: results and the cache use it.
+    auto completion = [this, callerUrl = url, method, options, reply](HttpClientStatus status, long code,
+                                                                     QByteArray body, HttpClientHeaders headers) {
+        if (method == Get) {
+            cache.tryCache(callerUrl, status, static_cast<int>(code), headers, body);
+        }
+        const HttpClientResult result{callerUrl, status, static_cast<int>(code), body, headers};
+        notifyCaller(reply, result, options.userData());
+    };
+    if (encodePlusSign) {
+        url.setEncodedQuery(url.encodedQuery().replace("+", "%2B"));
+    }
+    const auto transfer = QSharedPointer<HttpClientTransfer>::create(static_cast<int>(httpVersion), url,
+                                                                     static_cast<int>(method), options,
+                                                                     std::move(completion));
+    if (!transfer->handle()) {
+        TREL_ERROR("Failed to create curl easy handle!");
+        return {};
+    }
+    return transfer;
+}
+
+void* HttpClient::get(const TrelUrl& url, QObject* receiver, const char* slot, const HttpClientOptions& options)
+{
+    return send(url, Get, QByteArray(), options, Reply{receiver, QByteArray(slot), {}},
+                "void* HttpClient::get(const TrelUrl&, QObject*, const char*, const HttpClientOptions&)");
+}
+
+void* HttpClient::get(const TrelUrl& url, const HttpClientOptions& options, Callback callback)
+{
+    return send(url, Get, QByteArray(), options, Reply{nullptr, {}, std::move(callback)},
+                "void* HttpClient::get(const TrelUrl&, const HttpClientOptions&, HttpClient::Callback)");
+}
+
+void* HttpClient::head(const TrelUrl& url, QObject* receiver, const char* slot, const HttpClientOptions& options)
+{
+    return send(url, Head, QByteArray(), options, Reply{receiver, QByteArray(slot), {}},
+                "void* HttpClient::head(const TrelUrl&, QObject*, const char*, const HttpClientOptions&)");
+}
+
+void* HttpClient::head(const TrelUrl& url, const HttpClientOptions& options, Callback callback)
+{
+    return send(url, Head, QByteArray(), options, Reply{nullptr, {}, std::move(callback)},
+                "void* HttpClient::head(const TrelUrl&, const HttpClientOptions&, HttpClient::Callback)");
+}
+
+void* HttpClient::post(const TrelUrl& url, const QByteArray& data, QObject* receiver, const char* slot,
+                       const HttpClientOptions& options)
+{
+    return send(url, Post, data, options, Reply{receiver, QByteArray(slot), {}},
+                "void* HttpClient::post(const TrelUrl&, const QByteArray&, QObject*, const char*, "
+                "const HttpClientOptions&)");
+}
+
+void* HttpClient::post(const TrelUrl& url, const QByteArray& data, const HttpClientOptions& options,
+                       Callback callback)
+{
+    return send(url, Post, data, options, Reply{nullptr, {}, std::move(callback)},
+                "void* HttpClient::post(const TrelUrl&, const QByteArray&, const HttpClientOptions&, "
+                "HttpClient::Callback)");
+}
+
+void* HttpClient::put(const TrelUrl& url, const QByteArray& data, QObject* receiver, const char* slot,
+                      const HttpClientOptions& options)
+{
+    return send(url, Put, data, options, Reply{receiver, QByteArray(slot), {}},
+                "void* HttpClient::put(const TrelUrl&, const QByteArray&, QObject*, const char*, "
+                "const HttpClientOptions&)");
+}
+
+void* HttpClient::put(const TrelUrl& url, const QByteArray& data, const HttpClientOptions& options,
+                      Callback callback)
+{
+    return send(url, Put, data, options, Reply{nullptr, {}, std::move(callback)},
+                "void* HttpClient::put(const TrelUrl&, const QByteArray&, const HttpClientOptions&, "
+                "HttpClient::Callback)");
+}
+
+void* HttpClient::delete_(const TrelUrl& url, const QByteArray& data, QObject* receiver, const char* slot,
+                          const HttpClientOptions& options)
+{
+    return send(url, Delete, data, options, Reply{receiver, QByteArray(slot), {}},
+                "void* HttpClient::delete_(const TrelUrl&, const QByteArray&, QObject*, const char*, "
+                "const HttpClientOptions&)");
+}
+
+void* HttpClient::delete_(const TrelUrl& url, const QByteArray& data, const HttpClientOptions& options,
+                          Callback callback)
+{
+    return send(url, Delete, data, options, Reply{nullptr, {}, std::move(callback)},
+                "void* HttpClient::delete_(const TrelUrl&, const QByteArray&, const HttpClientOptions&, "
+                "HttpClient::Callback)");
+}
+
+void* HttpClient::patch(const TrelUrl& url, const QByteArray& data, QObject* receiver, const char* slot,
+                        const HttpClientOptions& options)
+{
+    return send(url, Patch, data, options, Reply{receiver, QByteArray(slot), {}},
+                "void* HttpClient::patch(const TrelUrl&, const QByteArray&, QObject*, const char*, "
+                "const HttpClientOptions&)");
+}
+
+void* HttpClient::patch(const TrelUrl& url, const QByteArray& data, const HttpClientOptions& options,
+                        Callback callback)
+{
+    return send(url, Patch, data, options, Reply{nullptr, {}, std::move(callback)},
+                "void* HttpClient::patch(const TrelUrl&, const QByteArray&, const HttpClientOptions&, "
+                "HttpClient::Callback)");
+}
+
+void* HttpClient::postStream(const TrelUrl& url, QSharedPointer<HttpClientQueue> queue, QObject* receiver,
+                             const char* slot, const HttpClientOptions& options)
+{
+    return send(url, Post, queue, options, Reply{receiver, QByteArray(slot), {}},
+                "void* HttpClient::postStream(const TrelUrl&, QSharedPointer<HttpClientQueue>, QObject*, "
+                "const char*, const HttpClientOptions&)");
+}
+
+void* HttpClient::postStream(const TrelUrl& url, QSharedPointer<HttpClientQueue> queue,
+                             const HttpClientOptions& options, Callback callback)
+{
+    return send(url, Post, queue, options, Reply{nullptr, {}, std::move(callback)},
+                "void* HttpClient::postStream(const TrelUrl&, QSharedPointer<HttpClientQueue>, "
+                "const HttpClientOptions&, HttpClient::Callback)");
+}
+
+void* HttpClient::postForm(const TrelUrl& url, const QList<QPair<QString, QString>>& fields, QObject* receiver,
+                           const char* slot, const HttpClientOptions& options)
+{
+    return send(url, Post, fields, options, Reply{receiver, QByteArray(slot), {}},
+                "void* HttpClient::postForm(const TrelUrl&, const QList<QPair<QString, QString> >&, "
+                "QObject*, const char*, const HttpClientOptions&)");
+}
+
+void* HttpClient::postForm(const TrelUrl& url, const QList<QPair<QString, QString>>& fields,
+                           const HttpClientOptions& options, Callback callback)
+{
+    return send(url, Post, fields, options, Reply{nullptr, {}, std::move(callback)},
+                "void* HttpClient::postForm(const TrelUrl&, const QList<QPair<QString, QString> >&, "
+                "const HttpClientOptions&, HttpClient::Callback)");
+}
+
+void* HttpClient::postFile(const TrelUrl& url, const QByteArray& data, QObject* receiver, const char* slot,
+                           const HttpClientOptions& options)
+{
+    return send(url, Post, QSharedPointer<HttpClientTransfer::File>::create(data), options,
+                Reply{receiver, QByteArray(slot), {}},
+                "void* HttpClient::postFile(const TrelUrl&, const QByteArray&, QObject*, const char*, "
+                "const HttpClientOptions&)");
+}
+
+void* HttpClient::postFile(const TrelUrl& url, const QByteArray& data, const HttpClientOptions& options,
+                           Callback callback)
+{
+    return send(url, Post, QSharedPointer<HttpClientTransfer::File>::create(data), options,
+                Reply{nullptr, {}, std::move(callback)},
+                "void* HttpClient::postFile(const TrelUrl&, const QByteArray&, const HttpClientOptions&, "
+                "HttpClient::Callback)");
+}
+
+// ---------------------------------------------------------------------------
+// Cancellation and the cache
+
+bool HttpClient::cancel(void* id)
+{
+    TREL_ENTER("bool HttpClient::cancel(void*)", "Id: " << id);
+    const QSharedPointer<HttpClientTransfer> transfer = transfers.take(id);
+    if (!transfer) {
+        TREL_DEBUG("No such transfer: " << id);
+        return false;
+    }
+    transfer->cancel(); // reports Error/-1; the delivery is queued
+    return true;
+}
+
+void HttpClient::setCacheSize(size_t size)
+{
+    TREL_ENTER("void HttpClient::setCacheSize(size_t)", "Cache size: " << size);
+    cache.setCacheSize(static_cast<int>(size));
+}
+
+void HttpClient::clearCache()
+{
+    TREL_ENTER("void HttpClient::clearCache()", "");
+    cache.clear();
+}
+
+// ---------------------------------------------------------------------------
+// Result delivery
+
+// Always queued: a result never arrives inside a request call, a libcurl
+// callback or the cache.
+void HttpClient::notifyCaller(const Reply& reply, const HttpClientResult& result, const HttpClientPrivate& context)
+{
+    if (reply.receiver && !reply.slot.isEmpty()) {
+        const int status = result.status;
+        QMetaObject::invokeMethod(reply.receiver, reply.slot.constData(), Qt::QueuedConnection,
+                                  QArgument<TrelUrl>("TrelUrl", result.url),
+                                  QArgument<HttpClientPrivate>("HttpClientPrivate", context),
+                                  Q_ARG(int, status), Q_ARG(int, result.code), Q_ARG(QByteArray, result.body),
+                                  QArgument<HttpClientHeaders>("HttpClientHeaders", result.headers));
+        return;
+    }
+    if (reply.callback) {
+        QMetaObject::invokeMethod(this, "on_notifyCaller_sync", Qt::QueuedConnection,
+                                  QArgument<HttpClientResult>("HttpClient::Result", result),
+                                  QArgument<Callback>("HttpClient::Callback", reply.callback));
+    }
+    // No destination: the result is dropped.
+}
+
+void HttpClient::on_notifyCaller_sync(const HttpClient::Result& result, HttpClient::Callback callback)
+{
+    callback(result);
+}
+
+// ---------------------------------------------------------------------------
+// Server push
+
+void HttpClient::setPushProperties(QObject* receiver, const char* slot, const HttpClientOptions& options)
+{
+    TREL_ENTER("void HttpClient::setPushProperties(QObject*, const char*, const HttpClientOptions&)",
+               "Slot: " << (slot ? slot : ""));
+    pushOptions = options;
+    pushReceiver = receiver;
+    pushSlot = QByteArray(slot);
+}
+
+// Runs inside curl_multi_socket_action. Every push is accepted; libcurl adds
+// the pushed handle to the multi handle itself.
+int HttpClient::serverPushCallback(CURL* /*parent*/, CURL* easy, size_t /*num_headers*/,
+                                   curl_pushheaders* /*headers*/, void* userp)
+{
+    auto* const client = static_cast<HttpClient*>(userp);
+    TREL_TRACE("Server push callback");
+    // Captured now: a later setPushProperties does not redirect this push.
+    const Reply reply{client->pushReceiver, client->pushSlot, {}};
+    auto completion = [client, reply](HttpClientStatus status, long code, QByteArray body,
+                                      HttpClientHeaders headers) {
+        const HttpClientResult result{TrelUrl(), status, static_cast<int>(code), body, headers};
+        client->notifyCaller(reply, result, client->pushOptions.userData());
+    };
+    const auto transfer = QSharedPointer<HttpClientTransfer>::create(
+        static_cast<int>(client->httpVersion), static_cast<void*>(easy), static_cast<void*>(client->multi),
+        client->pushOptions, std::move(completion));
+    client->transfers.insert(transfer->handle(), transfer);
+    return CURL_PUSH_OK;
 }
