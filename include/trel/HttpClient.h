@@ -129,6 +129,8 @@ private slots:
     void on_notifyCaller_sync(const HttpClient::Result& result, HttpClient::Callback callback);
 
 private:
+    friend class HttpClientTestAccess; // white-box checks of the engine's tables and timers
+
     template <typename T>
     void* send(const TrelUrl& url, HttpMethod method, const T& body, const HttpClientOptions& options,
                const Reply& reply, const char* signature);

@@ -87,6 +87,8 @@ public:
     static size_t streamReadCallback(void* buffer, size_t size, size_t count, void* queue);
 
 private:
+    friend class HttpClientTransferTestAccess; // white-box checks of buffers and holders
+
     struct EasyCleanup
     {
         void operator()(CURL* easy) const { curl_easy_cleanup(easy); }

@@ -1,0 +1,400 @@
+// The client engine without a network: its meta-object, construction options,
+// socket watching, the timer callback and the write-notifier throttle, driven
+// through libcurl's callbacks exactly as libcurl would call them.
+
+#include <trel/HttpClient.h>
+
+#include "CurlOptionRecorder.h"
+#include "LogCapture.h"
+#include "WaitFor.h"
+
+#include <gtest/gtest.h>
+
+#include <QMetaMethod>
+#include <QMetaType>
+#include <QPointer>
+
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <array>
+#include <sstream>
+
+// Reads the engine's private state; declared a friend by HttpClient.
+class HttpClientTestAccess
+{
+public:
+    static CURLM* multi(HttpClient& c) { return c.multi; }
+    static QTimer& timer(HttpClient& c) { return c.timer; }
+    static QTimer& writeRelease(HttpClient& c) { return c.writeNotifiersBlocked; }
+    static QSocketNotifier* readNotifier(HttpClient& c, int s) { return c.readNotifiers.value(s).data(); }
+    static QSocketNotifier* writeNotifier(HttpClient& c, int s) { return c.writeNotifiers.value(s).data(); }
+    static QSet<int> blocked(HttpClient& c) { return c.blockedWriteSockets; }
+    static int transferCount(HttpClient& c) { return c.transfers.size(); }
+    static void writeActivated(HttpClient& c, int s) { c.on_writeNotifier_activated(s); }
+    static void releaseTimeout(HttpClient& c) { c.on_writeNotifiersBlocked_timeout(); }
+    static QObject* pushReceiver(HttpClient& c) { return c.pushReceiver; }
+    static QByteArray pushSlot(HttpClient& c) { return c.pushSlot; }
+};
+
+namespace {
+
+using trel::test::LogCapture;
+namespace curlOptions = trel::test::curlOptions;
+using Access = HttpClientTestAccess;
+
+// A connected socket pair: one end is handed to the client as libcurl would.
+class SocketPair
+{
+public:
+    SocketPair() { EXPECT_EQ(::socketpair(AF_UNIX, SOCK_STREAM, 0, fds.data()), 0); }
+    ~SocketPair()
+    {
+        ::close(fds[0]);
+        ::close(fds[1]);
+    }
+    int watched() const { return fds[0]; }
+
+private:
+    std::array<int, 2> fds{-1, -1};
+};
+
+int poll(HttpClient& client, int socket, int what)
+{
+    return HttpClient::handleSocket(nullptr, socket, what, &client, nullptr);
+}
+
+TEST(HttpClientMetaObject, SixPrivateSlotsInOrderAndNoSignals)
+{
+    const QMetaObject& meta = HttpClient::staticMetaObject;
+    EXPECT_STREQ(meta.className(), "HttpClient");
+    const QList<QByteArray> expected = {
+        "on_timer_timeout()",
+        "on_readNotifier_activated(int)",
+        "on_writeNotifier_activated(int)",
+        "on_writeNotifiersBlocked_timeout()",
+        "on_transfer_socketData(int,int)",
+        "on_notifyCaller_sync(HttpClient::Result,HttpClient::Callback)",
+    };
+    ASSERT_EQ(meta.methodCount() - meta.methodOffset(), expected.size());
+    for (int i = 0; i < expected.size(); ++i) {
+        const QMetaMethod method = meta.method(meta.methodOffset() + i);
+        EXPECT_EQ(method.methodSignature(), expected[i]);
+        EXPECT_EQ(method.methodType(), QMetaMethod::Slot);
+        EXPECT_EQ(method.access(), QMetaMethod::Private);
+    }
+    EXPECT_EQ(meta.propertyCount(), meta.propertyOffset());
+    EXPECT_EQ(meta.enumeratorCount(), meta.enumeratorOffset());
+}
+
+TEST(HttpClientConstruction, RegistersTheValueTypesForQueuedDelivery)
+{
+    HttpClient client;
+    for (const char* name : {"HttpClientPrivate", "HttpClientHeaders", "HttpClient::Result",
+                             "HttpClient::Callback", "TrelUrl"}) {
+        EXPECT_NE(QMetaType::type(name), QMetaType::UnknownType) << name;
+    }
+}
+
+TEST(HttpClientConstruction, Http1NeverSetsPushOrPipelining)
+{
+    for (const int version : {0, 2, -1}) {
+        HttpClient client(nullptr, static_cast<HttpClient::HttpVersion>(version), false);
+        CURLM* const multi = Access::multi(client);
+        EXPECT_FALSE(curlOptions::multi(multi, CURLMOPT_PUSHFUNCTION)) << version;
+        EXPECT_FALSE(curlOptions::multi(multi, CURLMOPT_PUSHDATA)) << version;
+        EXPECT_FALSE(curlOptions::multi(multi, CURLMOPT_PIPELINING)) << version;
+        EXPECT_TRUE(curlOptions::multi(multi, CURLMOPT_SOCKETFUNCTION));
+        EXPECT_TRUE(curlOptions::multi(multi, CURLMOPT_TIMERFUNCTION));
+    }
+}
+
+TEST(HttpClientConstruction, Http2SetsPushAndMultiplexing)
+{
+    HttpClient client(nullptr, HttpClient::Http2, false);
+    CURLM* const multi = Access::multi(client);
+    ASSERT_TRUE(curlOptions::multi(multi, CURLMOPT_PIPELINING));
+    EXPECT_EQ(curlOptions::multi(multi, CURLMOPT_PIPELINING)->value, CURLPIPE_MULTIPLEX);
+    EXPECT_TRUE(curlOptions::multi(multi, CURLMOPT_PUSHFUNCTION));
+    EXPECT_EQ(curlOptions::multi(multi, CURLMOPT_PUSHDATA)->value, reinterpret_cast<std::intptr_t>(&client));
+}
+
+TEST(HttpClientConstruction, EntryLineNamesVersionAndPlusFlag)
+{
+    LogCapture capture;
+    HttpClient client(nullptr, HttpClient::Http2, true);
+    EXPECT_TRUE(capture.contains(log4cplus::TRACE_LOG_LEVEL,
+                                 "Enter HttpClient::HttpClient(QObject*, HttpClient::HttpVersion, bool): "
+                                 "HttpVersion: 1 encodePlusSign: 1"));
+    const auto records = capture.records();
+    ASSERT_FALSE(records.empty());
+    EXPECT_EQ(records.front().logger, "HttpClient");
+    EXPECT_EQ(records.front().file, "src/lib/httpClient/HttpClient");
+}
+
+TEST(HttpClientConstruction, PushReceiverStartsEmpty)
+{
+    HttpClient client;
+    EXPECT_EQ(Access::pushReceiver(client), nullptr);
+    EXPECT_TRUE(Access::pushSlot(client).isEmpty());
+}
+
+TEST(HttpClientSockets, PollInTwiceCreatesOneReadNotifier)
+{
+    HttpClient client;
+    SocketPair pair;
+    LogCapture capture;
+    EXPECT_EQ(poll(client, pair.watched(), CURL_POLL_IN), 0);
+    QSocketNotifier* const first = Access::readNotifier(client, pair.watched());
+    ASSERT_NE(first, nullptr);
+    EXPECT_EQ(poll(client, pair.watched(), CURL_POLL_IN), 0);
+    EXPECT_EQ(Access::readNotifier(client, pair.watched()), first);
+    EXPECT_EQ(capture.count("in, creating new"), 1);
+    EXPECT_EQ(capture.count("in, already present"), 1);
+    EXPECT_EQ(Access::writeNotifier(client, pair.watched()), nullptr);
+    EXPECT_TRUE(capture.contains(log4cplus::TRACE_LOG_LEVEL,
+                                 "Enter static int HttpClient::handleSocket(CURL*, curl_socket_t, int, void*, "
+                                 "void*): Socket: " + std::to_string(pair.watched()) + " action 1"));
+    EXPECT_TRUE(capture.contains(log4cplus::TRACE_LOG_LEVEL,
+                                 "Enter void HttpClient::listenSocket(curl_socket_t, bool, bool): Listen socket "
+                                     + std::to_string(pair.watched()) + " in 1 out 0"));
+}
+
+TEST(HttpClientSockets, InOutThenOutKeepsBothNotifiers)
+{
+    HttpClient client;
+    SocketPair pair;
+    LogCapture capture;
+    poll(client, pair.watched(), CURL_POLL_INOUT);
+    QSocketNotifier* const reader = Access::readNotifier(client, pair.watched());
+    QSocketNotifier* const writer = Access::writeNotifier(client, pair.watched());
+    ASSERT_NE(reader, nullptr);
+    ASSERT_NE(writer, nullptr);
+    EXPECT_EQ(reader->type(), QSocketNotifier::Read);
+    EXPECT_EQ(writer->type(), QSocketNotifier::Write);
+    EXPECT_TRUE(reader->isEnabled());
+    EXPECT_TRUE(writer->isEnabled());
+    capture.clear();
+    poll(client, pair.watched(), CURL_POLL_OUT);
+    EXPECT_EQ(capture.count("out, already present"), 1);
+    EXPECT_EQ(capture.count("in, already present"), 0);
+    EXPECT_EQ(Access::readNotifier(client, pair.watched()), reader);
+    EXPECT_EQ(Access::writeNotifier(client, pair.watched()), writer);
+}
+
+TEST(HttpClientSockets, AddOnlyDirectionsStayAfterLibcurlStopsAsking)
+{
+    HttpClient client;
+    SocketPair pair;
+    poll(client, pair.watched(), CURL_POLL_INOUT);
+    poll(client, pair.watched(), CURL_POLL_IN);
+    ASSERT_NE(Access::writeNotifier(client, pair.watched()), nullptr);
+    EXPECT_TRUE(Access::writeNotifier(client, pair.watched())->isEnabled());
+}
+
+TEST(HttpClientSockets, RemoveDeletesBothNotifiersAndALaterPollCreatesAFreshOne)
+{
+    HttpClient client;
+    SocketPair pair;
+    poll(client, pair.watched(), CURL_POLL_INOUT);
+    QPointer<QSocketNotifier> reader = Access::readNotifier(client, pair.watched());
+    QPointer<QSocketNotifier> writer = Access::writeNotifier(client, pair.watched());
+    LogCapture capture;
+    poll(client, pair.watched(), CURL_POLL_REMOVE);
+    EXPECT_TRUE(reader.isNull()); // deleted at once, not later
+    EXPECT_TRUE(writer.isNull());
+    EXPECT_EQ(Access::readNotifier(client, pair.watched()), nullptr);
+    EXPECT_TRUE(capture.contains(log4cplus::TRACE_LOG_LEVEL,
+                                 "Enter void HttpClient::removeSocket(curl_socket_t): Remove socket "
+                                     + std::to_string(pair.watched())));
+    capture.clear();
+    poll(client, pair.watched(), CURL_POLL_IN);
+    EXPECT_NE(Access::readNotifier(client, pair.watched()), nullptr);
+    EXPECT_EQ(capture.count("in, creating new"), 1);
+}
+
+TEST(HttpClientSockets, RemovingAnUnwatchedSocketIsSilent)
+{
+    HttpClient client;
+    LogCapture capture(log4cplus::DEBUG_LOG_LEVEL);
+    EXPECT_EQ(poll(client, 12345, CURL_POLL_REMOVE), 0);
+    EXPECT_TRUE(capture.records().empty());
+}
+
+TEST(HttpClientSockets, InvalidActionsLogOneErrorAndChangeNothing)
+{
+    HttpClient client;
+    SocketPair pair;
+    for (const int what : {0, 5}) {
+        LogCapture capture;
+        EXPECT_EQ(poll(client, pair.watched(), what), 0);
+        EXPECT_EQ(capture.messages(log4cplus::ERROR_LOG_LEVEL),
+                  std::vector<std::string>{"Invalid action: " + std::to_string(what)});
+        EXPECT_EQ(Access::readNotifier(client, pair.watched()), nullptr);
+        EXPECT_EQ(Access::writeNotifier(client, pair.watched()), nullptr);
+    }
+}
+
+TEST(HttpClientTimer, ZeroStartsAnImmediateTimerMinusOneStopsPositiveKeepsItsValue)
+{
+    HttpClient client;
+    CURLM* const multi = Access::multi(client);
+    QTimer& timer = Access::timer(client);
+    EXPECT_TRUE(timer.isSingleShot());
+
+    EXPECT_EQ(HttpClient::startTimeout(multi, 2500, &client), 0);
+    EXPECT_TRUE(timer.isActive());
+    EXPECT_EQ(timer.interval(), 2500);
+
+    EXPECT_EQ(HttpClient::startTimeout(multi, -1, &client), 0);
+    EXPECT_FALSE(timer.isActive());
+
+    // Served on the next turn of the event loop (through the queued
+    // connection), never inside libcurl's callback.
+    EXPECT_EQ(HttpClient::startTimeout(multi, 0, &client), 0);
+    EXPECT_TRUE(timer.isActive());
+    EXPECT_EQ(timer.interval(), 0);
+    EXPECT_TRUE(trel::test::waitFor([&] { return !timer.isActive(); }, 2000));
+}
+
+TEST(HttpClientThrottle, IdleWriteNotifierIsBlockedAfterFiringAndReleasedByTheTimer)
+{
+    HttpClient client;
+    SocketPair pair;
+    poll(client, pair.watched(), CURL_POLL_INOUT);
+    poll(client, pair.watched(), CURL_POLL_IN); // libcurl no longer wants to write
+    QSocketNotifier* const writer = Access::writeNotifier(client, pair.watched());
+    LogCapture capture;
+    Access::writeActivated(client, pair.watched());
+    EXPECT_FALSE(writer->isEnabled());
+    EXPECT_TRUE(Access::blocked(client).contains(pair.watched()));
+    EXPECT_EQ(capture.count("blocking write-notifier on " + std::to_string(pair.watched())), 1);
+    QTimer& release = Access::writeRelease(client);
+    EXPECT_TRUE(release.isActive());
+    EXPECT_EQ(release.interval(), 50);
+    EXPECT_TRUE(trel::test::waitFor([&] { return writer->isEnabled(); }, 2000));
+    EXPECT_TRUE(Access::blocked(client).isEmpty());
+    EXPECT_EQ(capture.count("unblocking write-notifier on " + std::to_string(pair.watched())), 1);
+}
+
+TEST(HttpClientThrottle, SocketLibcurlStillWritesToIsNotThrottled)
+{
+    HttpClient client;
+    SocketPair pair;
+    poll(client, pair.watched(), CURL_POLL_OUT);
+    QSocketNotifier* const writer = Access::writeNotifier(client, pair.watched());
+    LogCapture capture;
+    Access::writeActivated(client, pair.watched());
+    EXPECT_TRUE(writer->isEnabled());
+    EXPECT_TRUE(Access::blocked(client).isEmpty());
+    EXPECT_EQ(capture.countPrefix(log4cplus::TRACE_LOG_LEVEL, "blocking write-notifier"), 0);
+}
+
+TEST(HttpClientThrottle, AskingToWriteAgainReleasesABlockedNotifierAtOnce)
+{
+    HttpClient client;
+    SocketPair pair;
+    poll(client, pair.watched(), CURL_POLL_INOUT);
+    poll(client, pair.watched(), CURL_POLL_IN);
+    QSocketNotifier* const writer = Access::writeNotifier(client, pair.watched());
+    Access::writeActivated(client, pair.watched());
+    ASSERT_FALSE(writer->isEnabled());
+    poll(client, pair.watched(), CURL_POLL_INOUT);
+    EXPECT_TRUE(writer->isEnabled());
+    EXPECT_FALSE(Access::blocked(client).contains(pair.watched()));
+}
+
+TEST(HttpClientThrottle, TwoNotifiersBlockedApartAreReleasedByTheSameFiring)
+{
+    HttpClient client;
+    SocketPair first;
+    SocketPair second;
+    for (const int s : {first.watched(), second.watched()}) {
+        poll(client, s, CURL_POLL_INOUT);
+        poll(client, s, CURL_POLL_IN);
+    }
+    QTimer& release = Access::writeRelease(client);
+    Access::writeActivated(client, first.watched());
+    const int remainingAfterFirst = release.remainingTime();
+    trel::test::spinEventLoop(30);
+    Access::writeActivated(client, second.watched());
+    // Not restarted by the second block: both go at the first one's deadline.
+    EXPECT_LE(release.remainingTime(), remainingAfterFirst);
+    EXPECT_EQ(Access::blocked(client).size(), 2);
+    EXPECT_TRUE(trel::test::waitFor([&] { return Access::blocked(client).isEmpty(); }, 2000));
+    EXPECT_TRUE(Access::writeNotifier(client, first.watched())->isEnabled());
+    EXPECT_TRUE(Access::writeNotifier(client, second.watched())->isEnabled());
+}
+
+TEST(HttpClientThrottle, BlockedSocketRemovedBeforeReleaseIsDroppedSilently)
+{
+    HttpClient client;
+    SocketPair pair;
+    poll(client, pair.watched(), CURL_POLL_INOUT);
+    poll(client, pair.watched(), CURL_POLL_IN);
+    Access::writeActivated(client, pair.watched());
+    poll(client, pair.watched(), CURL_POLL_REMOVE);
+    ASSERT_TRUE(Access::blocked(client).contains(pair.watched()));
+    LogCapture capture;
+    Access::releaseTimeout(client);
+    EXPECT_TRUE(Access::blocked(client).isEmpty());
+    EXPECT_EQ(capture.countPrefix(log4cplus::TRACE_LOG_LEVEL, "unblocking"), 0);
+}
+
+TEST(HttpClientThrottle, SocketRemovedDuringTheWriteActionIsNotBlocked)
+{
+    HttpClient client;
+    SocketPair pair;
+    poll(client, pair.watched(), CURL_POLL_INOUT);
+    poll(client, pair.watched(), CURL_POLL_IN);
+    // libcurl does not know this socket, so the socket action ends without it;
+    // remove it as libcurl would during that action.
+    poll(client, pair.watched(), CURL_POLL_REMOVE);
+    LogCapture capture;
+    Access::writeActivated(client, pair.watched());
+    EXPECT_EQ(capture.countPrefix(log4cplus::TRACE_LOG_LEVEL, "blocking"), 0);
+    EXPECT_TRUE(Access::blocked(client).isEmpty());
+}
+
+TEST(HttpClientCancel, UnknownAndNullIdentifiersAreRefusedWithADebugLine)
+{
+    HttpClient client;
+    LogCapture capture;
+    int marker = 0;
+    EXPECT_FALSE(client.cancel(nullptr));
+    EXPECT_FALSE(client.cancel(&marker));
+    EXPECT_EQ(capture.countPrefix(log4cplus::DEBUG_LOG_LEVEL, "No such transfer: "), 2);
+    std::ostringstream expected;
+    expected << "No such transfer: " << static_cast<void*>(&marker);
+    EXPECT_TRUE(capture.contains(log4cplus::DEBUG_LOG_LEVEL, expected.str()));
+}
+
+TEST(HttpClientPush, SetPushPropertiesStoresAndLogsTheSlot)
+{
+    HttpClient client;
+    QObject receiver;
+    LogCapture capture;
+    client.setPushProperties(&receiver, "onPush", HttpClientOptions());
+    EXPECT_EQ(Access::pushReceiver(client), &receiver);
+    EXPECT_EQ(Access::pushSlot(client), "onPush");
+    client.setPushProperties(nullptr, nullptr, HttpClientOptions());
+    EXPECT_TRUE(Access::pushSlot(client).isEmpty());
+    EXPECT_TRUE(capture.contains(log4cplus::TRACE_LOG_LEVEL,
+                                 "Enter void HttpClient::setPushProperties(QObject*, const char*, "
+                                 "const HttpClientOptions&): Slot: "));
+}
+
+TEST(HttpClientCacheControl, SetCacheSizeAndClearForwardToTheCache)
+{
+    HttpClient client;
+    LogCapture capture;
+    client.setCacheSize(4096);
+    client.clearCache();
+    EXPECT_TRUE(capture.contains(log4cplus::TRACE_LOG_LEVEL,
+                                 "Enter void HttpClient::setCacheSize(size_t): Cache size: 4096"));
+    EXPECT_TRUE(capture.contains(log4cplus::TRACE_LOG_LEVEL, "Enter void HttpClientCache::setCacheSize(int): Bytes 4096"));
+    EXPECT_TRUE(capture.contains(log4cplus::TRACE_LOG_LEVEL, "Enter void HttpClient::clearCache(): "));
+    EXPECT_TRUE(capture.contains(log4cplus::TRACE_LOG_LEVEL, "Enter void HttpClientCache::clear(): "));
+}
+
+} // namespace
