@@ -4,6 +4,7 @@
 #include <dlfcn.h>
 
 #include <cstdarg>
+#include <iterator>
 #include <map>
 #include <mutex>
 #include <utility>
@@ -89,6 +90,7 @@ void clear()
 namespace {
 
 using EasySetopt = CURLcode (*)(CURL*, CURLoption, ...);
+using EasyCleanup = void (*)(CURL*);
 using MultiSetopt = CURLMcode (*)(CURLM*, CURLMoption, ...);
 
 template <typename Function>
@@ -119,6 +121,21 @@ extern "C" __attribute__((visibility("default"))) CURLcode curl_easy_setopt(CURL
     }
     static const EasySetopt real = nextSymbol<EasySetopt>("curl_easy_setopt");
     return real(handle, option, value);
+}
+
+// A cleaned-up handle's address may come back for the next handle: forget it.
+extern "C" __attribute__((visibility("default"))) void curl_easy_cleanup(CURL* handle)
+{
+    {
+        auto& store = trel::test::curlOptions::store();
+        std::lock_guard<std::mutex> lock(store.mutex);
+        for (auto it = store.easyOptions.begin(); it != store.easyOptions.end();) {
+            it = it->first.first == handle ? store.easyOptions.erase(it) : std::next(it);
+        }
+        store.easyCounts.erase(handle);
+    }
+    static const EasyCleanup real = nextSymbol<EasyCleanup>("curl_easy_cleanup");
+    real(handle);
 }
 
 extern "C" __attribute__((visibility("default"))) CURLMcode curl_multi_setopt(CURLM* handle, CURLMoption option, ...)

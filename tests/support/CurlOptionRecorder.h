@@ -1,7 +1,8 @@
 #pragma once
 
 // Records the options the library sets on libcurl handles. Linking this into a
-// test executable interposes curl_easy_setopt and curl_multi_setopt: every call
+// test executable interposes curl_easy_setopt, curl_multi_setopt and
+// curl_easy_cleanup (to forget a handle whose address may be reused): every call
 // is recorded, then forwarded to libcurl unchanged. Only for tests that check
 // what the library asked of libcurl; wire tests check what actually went out.
 

@@ -145,6 +145,10 @@ void HttpClientTransfer::configure(int httpVersion)
         curl_easy_setopt(handle, CURLOPT_PIPEWAIT, 1L);
     }
 
+    if (!options.isDisabledCompression()) {
+        curl_easy_setopt(handle, CURLOPT_ACCEPT_ENCODING, ""); // again; kept, it is harmless
+    }
+
     curl_easy_setopt(handle, CURLOPT_URL, url.toEncoded().constData());
     installReceiveCallbacks();
     curl_easy_setopt(handle, CURLOPT_NOSIGNAL, 1L);

@@ -1,0 +1,639 @@
+// HttpClientTransfer without a server: the easy options it sets, the body
+// setters and their gate, the temporary file, the receive callbacks with the
+// size limit, and the start/finish/cancel/destroy life cycle.
+
+#include <trel/HttpClient.h>
+#include <trel/HttpClientTransfer.h>
+
+#include "CurlOptionRecorder.h"
+#include "LogCapture.h"
+
+#include <gtest/gtest.h>
+
+#include <QDir>
+#include <QFile>
+#include <QTemporaryDir>
+
+#include <cstdlib>
+#include <memory>
+#include <vector>
+
+// Reads the transfer's private state; declared a friend by HttpClientTransfer.
+class HttpClientTransferTestAccess
+{
+public:
+    static HttpClientTransfer::ReceiveBuffer& buffer(HttpClientTransfer& t) { return t.receiveBuffer; }
+    static curl_slist* headerList(HttpClientTransfer& t) { return t.headerList.get(); }
+    static QByteArray uploadBytes(HttpClientTransfer& t) { return t.uploadBytes; }
+    static bool hasMime(HttpClientTransfer& t) { return !t.mimeBody.isNull(); }
+    static bool hasFile(HttpClientTransfer& t) { return !t.uploadFile.isNull(); }
+    static bool hasStream(HttpClientTransfer& t) { return !t.uploadStream.isNull(); }
+    static CURLM* activeMulti(HttpClientTransfer& t) { return t.activeMulti; }
+};
+
+namespace {
+
+using trel::test::LogCapture;
+namespace curlOptions = trel::test::curlOptions;
+using Access = HttpClientTransferTestAccess;
+
+struct Outcome
+{
+    HttpClientStatus status;
+    long code;
+    QByteArray body;
+    HttpClientHeaders headers;
+};
+
+// Collects every completion call of the transfers it makes.
+class TransferFactory
+{
+public:
+    std::unique_ptr<HttpClientTransfer> make(int method, const HttpClientOptions& options = {},
+                                             int httpVersion = HttpClient::Http1,
+                                             const QByteArray& url = "http://127.0.0.1:9/")
+    {
+        return std::make_unique<HttpClientTransfer>(
+            httpVersion, TrelUrl::fromEncoded(url), method, options,
+            [this](HttpClientStatus status, long code, QByteArray body, HttpClientHeaders headers) {
+                outcomes.push_back({status, code, body, headers});
+            });
+    }
+    std::vector<Outcome> outcomes;
+};
+
+std::intptr_t easyOption(HttpClientTransfer& transfer, CURLoption option)
+{
+    const auto recorded = curlOptions::easy(transfer.handle(), option);
+    EXPECT_TRUE(recorded.has_value()) << "option " << option << " was not set";
+    return recorded ? recorded->value : -12345;
+}
+
+bool isSet(HttpClientTransfer& transfer, CURLoption option)
+{
+    return curlOptions::easy(transfer.handle(), option).has_value();
+}
+
+size_t feedBody(HttpClientTransfer& transfer, const QByteArray& bytes)
+{
+    QByteArray copy = bytes;
+    return HttpClientTransfer::curlWriteFunc(copy.data(), 1, static_cast<size_t>(copy.size()),
+                                             &Access::buffer(transfer));
+}
+
+size_t feedHeader(HttpClientTransfer& transfer, const QByteArray& bytes)
+{
+    QByteArray copy = bytes;
+    return HttpClientTransfer::curlWriteHeader(copy.data(), 1, static_cast<size_t>(copy.size()),
+                                               &Access::buffer(transfer));
+}
+
+// ---------------------------------------------------------------------------
+// Configuration
+
+TEST(HttpClientTransferConfig, DefaultsFollowFiveRedirectsNoTimeoutCompressionAndKeepAlive)
+{
+    TransferFactory factory;
+    auto transfer = factory.make(HttpClient::Get);
+    ASSERT_NE(transfer->handle(), nullptr);
+    EXPECT_EQ(easyOption(*transfer, CURLOPT_FOLLOWLOCATION), 1);
+    EXPECT_EQ(easyOption(*transfer, CURLOPT_MAXREDIRS), 5);
+    EXPECT_EQ(easyOption(*transfer, CURLOPT_UNRESTRICTED_AUTH), 0);
+    EXPECT_EQ(easyOption(*transfer, CURLOPT_NOSIGNAL), 1);
+    EXPECT_EQ(easyOption(*transfer, CURLOPT_TCP_KEEPALIVE), 1);
+    EXPECT_EQ(easyOption(*transfer, CURLOPT_TCP_KEEPIDLE), 60);
+    EXPECT_EQ(easyOption(*transfer, CURLOPT_TCP_KEEPINTVL), 60);
+    EXPECT_EQ(curlOptions::easy(transfer->handle(), CURLOPT_URL)->text, "http://127.0.0.1:9/");
+    const auto encoding = curlOptions::easy(transfer->handle(), CURLOPT_ACCEPT_ENCODING);
+    ASSERT_TRUE(encoding);
+    EXPECT_EQ(encoding->text, "");
+    EXPECT_EQ(encoding->timesSet, 2); // set twice on purpose; harmless
+    EXPECT_FALSE(isSet(*transfer, CURLOPT_TIMEOUT_MS));
+    EXPECT_FALSE(isSet(*transfer, CURLOPT_HTTPHEADER));
+    EXPECT_EQ(Access::headerList(*transfer), nullptr);
+    EXPECT_FALSE(isSet(*transfer, CURLOPT_POSTREDIR));
+    EXPECT_FALSE(isSet(*transfer, CURLOPT_SSL_VERIFYPEER));
+    EXPECT_FALSE(isSet(*transfer, CURLOPT_HTTPAUTH));
+    EXPECT_FALSE(isSet(*transfer, CURLOPT_HTTP_VERSION));
+    EXPECT_FALSE(isSet(*transfer, CURLOPT_PIPEWAIT));
+    EXPECT_FALSE(isSet(*transfer, CURLOPT_POST));
+    EXPECT_FALSE(isSet(*transfer, CURLOPT_CUSTOMREQUEST));
+    EXPECT_EQ(easyOption(*transfer, CURLOPT_WRITEDATA), reinterpret_cast<std::intptr_t>(&Access::buffer(*transfer)));
+    EXPECT_EQ(easyOption(*transfer, CURLOPT_HEADERDATA), reinterpret_cast<std::intptr_t>(&Access::buffer(*transfer)));
+    EXPECT_EQ(Access::buffer(*transfer).sizeLimit, 65536);
+}
+
+TEST(HttpClientTransferConfig, RedirectLimits)
+{
+    TransferFactory factory;
+    HttpClientOptions none;
+    none.setMaxRedirects(0);
+    auto noFollow = factory.make(HttpClient::Get, none);
+    EXPECT_EQ(easyOption(*noFollow, CURLOPT_FOLLOWLOCATION), 0);
+    EXPECT_EQ(easyOption(*noFollow, CURLOPT_MAXREDIRS), 0);
+
+    HttpClientOptions unlimited;
+    unlimited.setMaxRedirects(-7);
+    auto follow = factory.make(HttpClient::Get, unlimited);
+    EXPECT_EQ(easyOption(*follow, CURLOPT_FOLLOWLOCATION), 1);
+    EXPECT_EQ(easyOption(*follow, CURLOPT_MAXREDIRS), -1);
+}
+
+TEST(HttpClientTransferConfig, TimeoutOnlyWhenPositive)
+{
+    TransferFactory factory;
+    for (const int timeout : {0, -5}) {
+        HttpClientOptions options;
+        options.setTimeoutMs(timeout);
+        auto transfer = factory.make(HttpClient::Get, options);
+        EXPECT_FALSE(isSet(*transfer, CURLOPT_TIMEOUT_MS)) << timeout;
+    }
+    HttpClientOptions options;
+    options.setTimeoutMs(1);
+    auto transfer = factory.make(HttpClient::Get, options);
+    EXPECT_EQ(easyOption(*transfer, CURLOPT_TIMEOUT_MS), 1);
+}
+
+TEST(HttpClientTransferConfig, PostRedirectMasks)
+{
+    TransferFactory factory;
+    HttpClientOptions some;
+    some.setPostRedirectFlags({HttpClientOptions::PostRedir301, HttpClientOptions::PostRedir303});
+    EXPECT_EQ(easyOption(*factory.make(HttpClient::Post, some), CURLOPT_POSTREDIR), 5);
+    HttpClientOptions all;
+    all.setPostRedirectFlags(HttpClientOptions::PostRedirAll);
+    EXPECT_EQ(easyOption(*factory.make(HttpClient::Post, all), CURLOPT_POSTREDIR), 7);
+}
+
+TEST(HttpClientTransferConfig, PeerVerificationOffAlsoWidensAuthentication)
+{
+    TransferFactory factory;
+    HttpClientOptions options;
+    options.setVerifyPeer(false);
+    auto transfer = factory.make(HttpClient::Get, options);
+    EXPECT_EQ(easyOption(*transfer, CURLOPT_SSL_VERIFYPEER), 0);
+    EXPECT_EQ(easyOption(*transfer, CURLOPT_HTTPAUTH), static_cast<std::intptr_t>(CURLAUTH_ANY));
+    EXPECT_FALSE(isSet(*transfer, CURLOPT_SSL_VERIFYHOST));
+}
+
+TEST(HttpClientTransferConfig, CompressionOffLeavesAcceptEncodingUnset)
+{
+    TransferFactory factory;
+    HttpClientOptions options;
+    options.disableCompression(true);
+    EXPECT_FALSE(isSet(*factory.make(HttpClient::Get, options), CURLOPT_ACCEPT_ENCODING));
+}
+
+TEST(HttpClientTransferConfig, Http2AsksForVersionTwoAndWaitsForMultiplexing)
+{
+    TransferFactory factory;
+    auto transfer = factory.make(HttpClient::Get, {}, HttpClient::Http2);
+    EXPECT_EQ(easyOption(*transfer, CURLOPT_HTTP_VERSION), CURL_HTTP_VERSION_2_0);
+    EXPECT_EQ(easyOption(*transfer, CURLOPT_PIPEWAIT), 1);
+}
+
+TEST(HttpClientTransferConfig, MethodsMapToLibcurlOptions)
+{
+    TransferFactory factory;
+    auto head = factory.make(HttpClient::Head);
+    EXPECT_EQ(easyOption(*head, CURLOPT_HEADER), 1);
+    EXPECT_EQ(easyOption(*head, CURLOPT_NOBODY), 1);
+    EXPECT_EQ(easyOption(*factory.make(HttpClient::Post), CURLOPT_POST), 1);
+    EXPECT_EQ(curlOptions::easy(factory.make(HttpClient::Put)->handle(), CURLOPT_CUSTOMREQUEST)->text, "PUT");
+    EXPECT_EQ(curlOptions::easy(factory.make(HttpClient::Delete)->handle(), CURLOPT_CUSTOMREQUEST)->text, "DELETE");
+    EXPECT_EQ(curlOptions::easy(factory.make(HttpClient::Patch)->handle(), CURLOPT_CUSTOMREQUEST)->text, "PATCH");
+    auto unknown = factory.make(42);
+    EXPECT_FALSE(isSet(*unknown, CURLOPT_CUSTOMREQUEST));
+    EXPECT_FALSE(isSet(*unknown, CURLOPT_POST));
+}
+
+TEST(HttpClientTransferConfig, RequestHeadersBecomeOneListLinePerEntry)
+{
+    TransferFactory factory;
+    HttpClientOptions options;
+    options.setHeaders(HttpClientHeaders({{"X-One", "1"}, {"X-Two", "zwei"}}));
+    auto transfer = factory.make(HttpClient::Get, options);
+    curl_slist* const list = Access::headerList(*transfer);
+    ASSERT_NE(list, nullptr);
+    EXPECT_EQ(easyOption(*transfer, CURLOPT_HTTPHEADER), reinterpret_cast<std::intptr_t>(list));
+    QStringList lines;
+    for (curl_slist* item = list; item; item = item->next) {
+        lines << QString::fromUtf8(item->data);
+    }
+    lines.sort();
+    EXPECT_EQ(lines, QStringList({"X-One: 1", "X-Two: zwei"}));
+}
+
+TEST(HttpClientTransferConfig, PushConstructorInstallsOnlyTheReceiveCallbacks)
+{
+    CURL* const pushed = curl_easy_init();
+    CURLM* const multi = curl_multi_init();
+    int calls = 0;
+    {
+        HttpClientOptions options;
+        options.setReadSizeLimit(10);
+        HttpClientTransfer transfer(HttpClient::Http2, pushed, multi, options,
+                                    [&](HttpClientStatus, long, QByteArray, HttpClientHeaders) { ++calls; });
+        EXPECT_EQ(transfer.handle(), pushed);
+        EXPECT_EQ(curlOptions::easyCount(pushed), 4);
+        EXPECT_TRUE(curlOptions::easy(pushed, CURLOPT_WRITEFUNCTION));
+        EXPECT_TRUE(curlOptions::easy(pushed, CURLOPT_HEADERFUNCTION));
+        EXPECT_EQ(Access::activeMulti(transfer), multi); // active from birth
+        EXPECT_EQ(Access::buffer(transfer).sizeLimit, 10);
+        LogCapture capture;
+        EXPECT_FALSE(transfer.setDataToUpload(QByteArray("x"))); // a pushed stream takes no body
+        EXPECT_TRUE(capture.contains(log4cplus::ERROR_LOG_LEVEL, "Transfer cannot contains data"));
+    }
+    EXPECT_EQ(calls, 1); // destroyed while active: reported as cancelled
+    curl_multi_cleanup(multi);
+}
+
+// ---------------------------------------------------------------------------
+// Bodies
+
+TEST(HttpClientTransferBodies, GetAndHeadRefuseEveryBodyAndKeepTheirState)
+{
+    TransferFactory factory;
+    for (const int method : {HttpClient::Get, HttpClient::Head}) {
+        auto transfer = factory.make(method);
+        LogCapture capture;
+        auto queue = QSharedPointer<HttpClientQueue>::create(nullptr);
+        EXPECT_FALSE(transfer->setDataToUpload(QByteArray("data")));
+        EXPECT_FALSE(transfer->setDataToUpload(QList<QPair<QString, QString>>{{"a", "b"}}));
+        EXPECT_FALSE(transfer->setDataToUpload(QSharedPointer<HttpClientTransfer::File>::create("f")));
+        EXPECT_FALSE(transfer->setDataToUpload(queue));
+        EXPECT_EQ(capture.messages(log4cplus::ERROR_LOG_LEVEL),
+                  std::vector<std::string>(4, "Transfer cannot contains data"));
+        EXPECT_TRUE(Access::uploadBytes(*transfer).isEmpty());
+        EXPECT_FALSE(Access::hasMime(*transfer));
+        EXPECT_FALSE(Access::hasFile(*transfer));
+        EXPECT_FALSE(Access::hasStream(*transfer));
+        const QWeakPointer<HttpClientQueue> watch = queue;
+        queue.reset();
+        EXPECT_TRUE(watch.isNull()); // no reference kept
+        EXPECT_FALSE(isSet(*transfer, CURLOPT_POSTFIELDS));
+    }
+}
+
+TEST(HttpClientTransferBodies, ByteBodyIsAPrivateCopyAndAnEmptyOneIsABody)
+{
+    TransferFactory factory;
+    for (const int method : {HttpClient::Post, HttpClient::Put, HttpClient::Delete, HttpClient::Patch}) {
+        auto transfer = factory.make(method);
+        QByteArray caller("hello");
+        LogCapture capture;
+        ASSERT_TRUE(transfer->setDataToUpload(caller));
+        EXPECT_TRUE(capture.contains(log4cplus::TRACE_LOG_LEVEL,
+                                     "Enter bool HttpClientTransfer::setDataToUpload(const QByteArray&): Data size: 5"));
+        caller[0] = 'J';
+        EXPECT_EQ(Access::uploadBytes(*transfer), "hello");
+        EXPECT_EQ(easyOption(*transfer, CURLOPT_POSTFIELDS),
+                  reinterpret_cast<std::intptr_t>(Access::uploadBytes(*transfer).constData()));
+        EXPECT_EQ(easyOption(*transfer, CURLOPT_POSTFIELDSIZE), 5);
+    }
+    auto empty = factory.make(HttpClient::Post);
+    EXPECT_TRUE(empty->setDataToUpload(QByteArray()));
+    EXPECT_EQ(easyOption(*empty, CURLOPT_POSTFIELDSIZE), 0);
+}
+
+TEST(HttpClientTransferBodies, SecondByteBodyReplacesTheFirst)
+{
+    TransferFactory factory;
+    auto transfer = factory.make(HttpClient::Post);
+    ASSERT_TRUE(transfer->setDataToUpload(QByteArray("first")));
+    ASSERT_TRUE(transfer->setDataToUpload(QByteArray("second!")));
+    EXPECT_EQ(Access::uploadBytes(*transfer), "second!");
+    EXPECT_EQ(easyOption(*transfer, CURLOPT_POSTFIELDSIZE), 7);
+}
+
+TEST(HttpClientTransferBodies, FormsIncludingAnEmptyOneAttachAMimeBody)
+{
+    TransferFactory factory;
+    auto transfer = factory.make(HttpClient::Post);
+    LogCapture capture;
+    EXPECT_TRUE(transfer->setDataToUpload(QList<QPair<QString, QString>>{}));
+    EXPECT_TRUE(Access::hasMime(*transfer));
+    EXPECT_TRUE(isSet(*transfer, CURLOPT_MIMEPOST));
+    EXPECT_TRUE(capture.contains(log4cplus::TRACE_LOG_LEVEL,
+                                 "Enter bool HttpClientTransfer::setDataToUpload(const QList<QPair<QString, "
+                                 "QString> >&): Form size: 0"));
+}
+
+TEST(HttpClientTransferBodies, StreamIsSentWithUnknownLength)
+{
+    TransferFactory factory;
+    auto transfer = factory.make(HttpClient::Post);
+    auto queue = QSharedPointer<HttpClientQueue>::create(nullptr);
+    ASSERT_TRUE(transfer->setDataToUpload(queue));
+    EXPECT_EQ(easyOption(*transfer, CURLOPT_POSTFIELDSIZE), -1);
+    EXPECT_EQ(easyOption(*transfer, CURLOPT_READDATA), reinterpret_cast<std::intptr_t>(queue.data()));
+    const QWeakPointer<HttpClientQueue> watch = queue;
+    queue.reset();
+    EXPECT_FALSE(watch.isNull()); // the transfer keeps the queue alive
+    transfer.reset();
+    EXPECT_TRUE(watch.isNull());
+}
+
+TEST(HttpClientTransferBodies, StreamReadCallbackPassesBytesAndEndsAtClose)
+{
+    HttpClientQueue queue;
+    queue.append("abc");
+    queue.close();
+    char buffer[16];
+    LogCapture capture;
+    EXPECT_EQ(HttpClientTransfer::streamReadCallback(buffer, 1, sizeof(buffer), &queue), 3u);
+    EXPECT_EQ(QByteArray(buffer, 3), "abc");
+    EXPECT_EQ(HttpClientTransfer::streamReadCallback(buffer, 1, sizeof(buffer), &queue), 0u);
+    EXPECT_EQ(HttpClientTransfer::streamReadCallback(buffer, 0, 10, &queue), 0u); // no room: no read
+    EXPECT_TRUE(capture.contains(log4cplus::TRACE_LOG_LEVEL, "Stream read size: 3"));
+    EXPECT_TRUE(capture.contains(log4cplus::TRACE_LOG_LEVEL, "Stream read size: -1"));
+    EXPECT_EQ(capture.count("End of stream reached"), 1);
+}
+
+// ---------------------------------------------------------------------------
+// Temporary files
+
+TEST(HttpClientTransferFile, HoldsTheBytesUnderTheTemplateNameAndLeavesWithTheLastReference)
+{
+    LogCapture capture(log4cplus::DEBUG_LOG_LEVEL);
+    QString path;
+    {
+        auto file = QSharedPointer<HttpClientTransfer::File>::create(QByteArray("file body"));
+        path = file->fileName();
+        ASSERT_FALSE(path.isEmpty());
+        EXPECT_TRUE(QFileInfo(path).fileName().startsWith("trel-http-fetcher."));
+        EXPECT_EQ(QFileInfo(path).absolutePath(), QFileInfo(QDir::tempPath()).absoluteFilePath());
+        QFile reader(path);
+        ASSERT_TRUE(reader.open(QIODevice::ReadOnly));
+        EXPECT_EQ(reader.readAll(), "file body");
+        TransferFactory factory;
+        auto transfer = factory.make(HttpClient::Post);
+        EXPECT_TRUE(transfer->setDataToUpload(file));
+        EXPECT_TRUE(Access::hasMime(*transfer));
+        file.reset();
+        EXPECT_TRUE(QFile::exists(path)); // the transfer still holds it
+    }
+    EXPECT_FALSE(QFile::exists(path));
+    EXPECT_TRUE(capture.contains(log4cplus::DEBUG_LOG_LEVEL, "Using temp file: "));
+}
+
+TEST(HttpClientTransferFile, EmptyBytesMakeAValidEmptyFile)
+{
+    HttpClientTransfer::File file{QByteArray()};
+    ASSERT_FALSE(file.fileName().isEmpty());
+    EXPECT_EQ(QFileInfo(file.fileName()).size(), 0);
+}
+
+// Points the temporary directory somewhere no file can be created (tests run
+// as root, so permissions would stop nothing).
+class UnwritableTempDir
+{
+public:
+    UnwritableTempDir()
+        : previous(qgetenv("TMPDIR"))
+    {
+        qputenv("TMPDIR", "/proc");
+    }
+    ~UnwritableTempDir() { previous.isEmpty() ? qunsetenv("TMPDIR") : qputenv("TMPDIR", previous); }
+
+private:
+    QByteArray previous;
+};
+
+TEST(HttpClientTransferFile, UncreatableFileIsInvalidAndRefused)
+{
+    UnwritableTempDir unwritable;
+    LogCapture capture;
+    auto file = QSharedPointer<HttpClientTransfer::File>::create(QByteArray("data"));
+    EXPECT_TRUE(file->fileName().isEmpty());
+    EXPECT_TRUE(capture.contains(log4cplus::ERROR_LOG_LEVEL, "Failed to open temporary file for upload data!"));
+    TransferFactory factory;
+    auto transfer = factory.make(HttpClient::Post);
+    EXPECT_FALSE(transfer->setDataToUpload(file));
+    EXPECT_TRUE(capture.contains(log4cplus::ERROR_LOG_LEVEL, "Failed to send invalid file"));
+    EXPECT_FALSE(Access::hasMime(*transfer));
+}
+
+// ---------------------------------------------------------------------------
+// Reception
+
+TEST(HttpClientTransferReceive, BodyOfExactlyTheLimitIsAcceptedOneMoreByteIsTrimmed)
+{
+    TransferFactory factory;
+    HttpClientOptions options;
+    options.setReadSizeLimit(8);
+    auto transfer = factory.make(HttpClient::Get, options);
+    LogCapture capture;
+    EXPECT_EQ(feedBody(*transfer, "12345678"), 8u);
+    EXPECT_TRUE(capture.messages(log4cplus::ERROR_LOG_LEVEL).empty());
+    EXPECT_EQ(feedBody(*transfer, "9"), 0u);
+    EXPECT_EQ(capture.messages(log4cplus::ERROR_LOG_LEVEL),
+              std::vector<std::string>{"CURL data: not enough space in buffer, trimmed by 1 bytes!"});
+    EXPECT_EQ(Access::buffer(*transfer).body, "12345678");
+}
+
+TEST(HttpClientTransferReceive, TrimmedCountIsWhatDidNotFit)
+{
+    TransferFactory factory;
+    HttpClientOptions options;
+    options.setReadSizeLimit(5);
+    auto transfer = factory.make(HttpClient::Get, options);
+    LogCapture capture;
+    EXPECT_EQ(feedBody(*transfer, "abc"), 3u);
+    EXPECT_EQ(feedBody(*transfer, "defghij"), 2u);
+    EXPECT_TRUE(capture.contains(log4cplus::ERROR_LOG_LEVEL, "CURL data: not enough space in buffer, trimmed by 5 bytes!"));
+    EXPECT_EQ(Access::buffer(*transfer).body, "abcde");
+}
+
+TEST(HttpClientTransferReceive, NegativeLimitNeverTrimsAndZeroTrimsEverything)
+{
+    TransferFactory factory;
+    HttpClientOptions unlimited;
+    unlimited.setReadSizeLimit(-1);
+    auto open = factory.make(HttpClient::Get, unlimited);
+    const QByteArray big(200000, 'x');
+    EXPECT_EQ(feedBody(*open, big), static_cast<size_t>(big.size()));
+    HttpClientOptions zero;
+    zero.setReadSizeLimit(0);
+    auto closed = factory.make(HttpClient::Get, zero);
+    EXPECT_EQ(feedBody(*closed, "a"), 0u);
+}
+
+TEST(HttpClientTransferReceive, HeaderCallbackAccumulatesEverythingWithoutLimit)
+{
+    TransferFactory factory;
+    HttpClientOptions options;
+    options.setReadSizeLimit(1);
+    auto transfer = factory.make(HttpClient::Get, options);
+    EXPECT_EQ(feedHeader(*transfer, "HTTP/1.1 302 Found\r\n"), 20u);
+    EXPECT_EQ(feedHeader(*transfer, "Location: /x\r\n\r\n"), 16u);
+    EXPECT_EQ(Access::buffer(*transfer).headerBlock, "HTTP/1.1 302 Found\r\nLocation: /x\r\n\r\n");
+}
+
+TEST(HttpClientTransferReceive, UpdateWithoutImmediateReadDoesNothing)
+{
+    TransferFactory factory;
+    auto transfer = factory.make(HttpClient::Get);
+    feedBody(*transfer, "abc");
+    transfer->update();
+    EXPECT_TRUE(factory.outcomes.empty());
+    EXPECT_EQ(Access::buffer(*transfer).body, "abc");
+}
+
+TEST(HttpClientTransferReceive, ImmediateReadDeliversWhatArrivedAndEmptiesTheBuffers)
+{
+    TransferFactory factory;
+    HttpClientOptions options;
+    options.setImmediateRead(true);
+    auto transfer = factory.make(HttpClient::Get, options);
+    transfer->update(); // nothing arrived: nothing is called
+    EXPECT_TRUE(factory.outcomes.empty());
+    feedHeader(*transfer, "HTTP/1.1 200 OK\r\nX-A: 1\r\n");
+    feedBody(*transfer, "part1");
+    transfer->update();
+    ASSERT_EQ(factory.outcomes.size(), 1u);
+    EXPECT_EQ(factory.outcomes[0].status, HttpClientStatus::ImmediateRead);
+    EXPECT_EQ(factory.outcomes[0].body, "part1");
+    EXPECT_EQ(factory.outcomes[0].headers.value("x-a", QString()), "1");
+    // libcurl has not run this handle: it knows no response code yet.
+    EXPECT_EQ(factory.outcomes[0].code, 0);
+    EXPECT_TRUE(Access::buffer(*transfer).body.isEmpty());
+    EXPECT_TRUE(Access::buffer(*transfer).headerBlock.isEmpty());
+    feedBody(*transfer, "part2");
+    transfer->update();
+    ASSERT_EQ(factory.outcomes.size(), 2u);
+    EXPECT_EQ(factory.outcomes[1].body, "part2");
+    EXPECT_FALSE(factory.outcomes[1].headers.contains("X-A")); // only lines that arrived since
+}
+
+// ---------------------------------------------------------------------------
+// Life cycle
+
+TEST(HttpClientTransferLifecycle, IdleTransferDestroyedReportsNothing)
+{
+    TransferFactory factory;
+    {
+        auto transfer = factory.make(HttpClient::Get);
+    }
+    EXPECT_TRUE(factory.outcomes.empty());
+}
+
+TEST(HttpClientTransferLifecycle, CancelReportsErrorMinusOneOnceThenOnlyLogs)
+{
+    TransferFactory factory;
+    CURLM* const multi = curl_multi_init();
+    {
+        auto transfer = factory.make(HttpClient::Get);
+        transfer->start(multi);
+        EXPECT_EQ(Access::activeMulti(*transfer), multi);
+        feedBody(*transfer, "partial");
+        transfer->cancel();
+        ASSERT_EQ(factory.outcomes.size(), 1u);
+        EXPECT_EQ(factory.outcomes[0].status, HttpClientStatus::Error);
+        EXPECT_EQ(factory.outcomes[0].code, -1);
+        EXPECT_TRUE(factory.outcomes[0].body.isEmpty());
+        EXPECT_TRUE(factory.outcomes[0].headers.headers().isEmpty());
+        LogCapture capture;
+        CURLMsg message{};
+        message.msg = CURLMSG_DONE;
+        message.easy_handle = transfer->handle();
+        transfer->finish(&message);
+        transfer->cancel();
+        EXPECT_EQ(capture.count("Transfer already finished"), 2);
+        EXPECT_EQ(factory.outcomes.size(), 1u);
+    }
+    EXPECT_EQ(factory.outcomes.size(), 1u); // destroying a finished transfer reports nothing
+    curl_multi_cleanup(multi);
+}
+
+TEST(HttpClientTransferLifecycle, DestroyingAnActiveTransferReportsItCancelled)
+{
+    TransferFactory factory;
+    CURLM* const multi = curl_multi_init();
+    {
+        auto transfer = factory.make(HttpClient::Get);
+        transfer->start(multi);
+    }
+    ASSERT_EQ(factory.outcomes.size(), 1u);
+    EXPECT_EQ(factory.outcomes[0].status, HttpClientStatus::Error);
+    EXPECT_EQ(factory.outcomes[0].code, -1);
+    curl_multi_cleanup(multi);
+}
+
+TEST(HttpClientTransferLifecycle, StartingTwiceIsFatalAndChangesNothing)
+{
+    TransferFactory factory;
+    CURLM* const multi = curl_multi_init();
+    CURLM* const other = curl_multi_init();
+    {
+        auto transfer = factory.make(HttpClient::Get);
+        transfer->start(multi);
+        LogCapture capture;
+        transfer->start(other);
+        EXPECT_TRUE(capture.contains(log4cplus::FATAL_LOG_LEVEL, "Transfer is already active"));
+        EXPECT_EQ(Access::activeMulti(*transfer), multi);
+        transfer->cancel();
+    }
+    curl_multi_cleanup(other);
+    curl_multi_cleanup(multi);
+}
+
+TEST(HttpClientTransferLifecycle, FinishMapsResultCodesToStatuses)
+{
+    const std::vector<std::pair<CURLcode, HttpClientStatus>> table = {
+        {CURLE_OK, HttpClientStatus::OK},
+        {CURLE_COULDNT_RESOLVE_PROXY, HttpClientStatus::ResolveError},
+        {CURLE_COULDNT_RESOLVE_HOST, HttpClientStatus::ResolveError},
+        {CURLE_COULDNT_CONNECT, HttpClientStatus::ConnectError},
+        {CURLE_OPERATION_TIMEDOUT, HttpClientStatus::Timeout},
+        {CURLE_WRITE_ERROR, HttpClientStatus::Error},
+        {CURLE_UNSUPPORTED_PROTOCOL, HttpClientStatus::Error},
+        {CURLE_SSL_CONNECT_ERROR, HttpClientStatus::Error},
+        {CURLE_GOT_NOTHING, HttpClientStatus::Error},
+    };
+    CURLM* const multi = curl_multi_init();
+    for (const auto& [code, status] : table) {
+        TransferFactory factory;
+        auto transfer = factory.make(HttpClient::Get);
+        transfer->start(multi);
+        feedHeader(*transfer, "HTTP/1.1 200 OK\r\nX-B: 2\r\n\r\n");
+        feedBody(*transfer, "body");
+        CURLMsg message{};
+        message.msg = CURLMSG_DONE;
+        message.easy_handle = transfer->handle();
+        message.data.result = code;
+        LogCapture capture;
+        transfer->finish(&message);
+        ASSERT_EQ(factory.outcomes.size(), 1u);
+        EXPECT_EQ(factory.outcomes[0].status, status) << code;
+        EXPECT_EQ(factory.outcomes[0].body, "body");
+        EXPECT_EQ(factory.outcomes[0].headers.value("X-B", QString()), "2");
+        // Only a success names the URL libcurl ended at.
+        EXPECT_EQ(factory.outcomes[0].headers.contains("X-TrelEfectiveUrl"), status == HttpClientStatus::OK);
+        std::ostringstream prefix;
+        prefix << "Transfer [" << transfer->handle() << "] http://127.0.0.1:9/, done: " << static_cast<int>(code)
+               << ", code: 0";
+        EXPECT_TRUE(capture.contains(log4cplus::TRACE_LOG_LEVEL, prefix.str())) << prefix.str();
+        std::ostringstream output;
+        output << "Output   [" << transfer->handle() << "] 4 bytes";
+        EXPECT_TRUE(capture.contains(log4cplus::TRACE_LOG_LEVEL, output.str()));
+        EXPECT_EQ(Access::activeMulti(*transfer), nullptr);
+    }
+    curl_multi_cleanup(multi);
+}
+
+TEST(HttpClientTransferLifecycle, LogRecordsNameTheTransferSourceFile)
+{
+    TransferFactory factory;
+    auto transfer = factory.make(HttpClient::Get);
+    LogCapture capture;
+    transfer->cancel();
+    const auto records = capture.records();
+    ASSERT_EQ(records.size(), 1u);
+    EXPECT_EQ(records[0].file, "src/lib/httpClient/HttpClientTransfer");
+    EXPECT_EQ(records[0].logger, "HttpClient");
+    EXPECT_EQ(records[0].level, log4cplus::ERROR_LOG_LEVEL);
+    EXPECT_GT(records[0].line, 0);
+}
+
+} // namespace
