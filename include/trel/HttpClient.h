@@ -36,13 +36,14 @@ class TREL_HTTP_CLIENT_EXPORT HttpClient : public QObject
     Q_OBJECT
 
 public:
-    enum HttpVersion
+    // int-sized with a fixed type, so any value may be passed; only Http2 is special.
+    enum HttpVersion : int
     {
         Http1 = 0,
         Http2 = 1,
     };
 
-    enum HttpMethod
+    enum HttpMethod : int
     {
         Get = 0,
         Head = 1,
