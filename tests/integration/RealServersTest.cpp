@@ -1,0 +1,313 @@
+// HttpClient against real servers from Debian's packages: nginx for HTTP/1.1
+// keep-alive and uploads (its /echo is proxied to the loopback server so the
+// bytes nginx accepted can be checked), nghttpd for HTTP/2 over TLS,
+// multiplexing and server push.
+
+#include <trel/HttpClient.h>
+
+#include "LocalServers.h"
+#include "LoopbackServer.h"
+#include "ResultReceiver.h"
+#include "SocketCount.h"
+#include "WaitFor.h"
+
+#include <gtest/gtest.h>
+
+#include <random>
+#include <thread>
+
+namespace {
+
+using trel::test::LoopbackServer;
+using trel::test::NghttpdServer;
+using trel::test::NginxServer;
+using trel::test::ResultReceiver;
+using trel::test::waitFor;
+
+struct Results
+{
+    HttpClient::Callback callback()
+    {
+        return [this](const HttpClientResult& result) { received.push_back(result); };
+    }
+    bool waitFor(size_t n, int timeoutMs = 20000)
+    {
+        return trel::test::waitFor([&] { return received.size() >= n; }, timeoutMs);
+    }
+    std::vector<HttpClientResult> received;
+};
+
+QByteArray randomBytes(int size, unsigned seed)
+{
+    std::mt19937 random(seed);
+    QByteArray bytes(size, '\0');
+    for (char& byte : bytes) {
+        byte = static_cast<char>(random());
+    }
+    return bytes;
+}
+
+// Pushes chunks into the queue from its own thread, pausing between them,
+// then closes it. The client's thread blocks in the read meanwhile.
+class Producer
+{
+public:
+    Producer(QSharedPointer<HttpClientQueue> queue, QList<QByteArray> chunks, int pauseMs)
+        : worker([queue, chunks, pauseMs] {
+            for (const QByteArray& chunk : chunks) {
+                queue->append(chunk);
+                std::this_thread::sleep_for(std::chrono::milliseconds(pauseMs));
+            }
+            queue->close();
+        })
+    {
+    }
+    ~Producer() { worker.join(); }
+
+private:
+    std::thread worker;
+};
+
+QList<QByteArray> split(const QByteArray& bytes, int pieces)
+{
+    QList<QByteArray> chunks;
+    const int step = (bytes.size() + pieces - 1) / pieces;
+    for (int at = 0; at < bytes.size(); at += step) {
+        chunks << bytes.mid(at, step);
+    }
+    return chunks;
+}
+
+// ---------------------------------------------------------------------------
+// nginx
+
+class Nginx : public ::testing::Test
+{
+protected:
+    static void SetUpTestSuite()
+    {
+        backend = new LoopbackServer;
+        ASSERT_TRUE(backend->start());
+        nginx = new NginxServer;
+        NginxServer::Options options;
+        options.backendPort = backend->port();
+        ASSERT_TRUE(nginx->start(options)) << nginx->error().toStdString();
+    }
+    static void TearDownTestSuite()
+    {
+        delete nginx;
+        delete backend;
+        nginx = nullptr;
+        backend = nullptr;
+    }
+    void SetUp() override { backend->clear(); }
+
+    static inline LoopbackServer* backend = nullptr;
+    static inline NginxServer* nginx = nullptr;
+    Results results;
+    HttpClientOptions options;
+};
+
+TEST_F(Nginx, StreamWithLongPausesArrivesIntactThroughNginx)
+{
+    HttpClient client;
+    const QByteArray body = randomBytes(200000, 4);
+    auto queue = QSharedPointer<HttpClientQueue>::create(nullptr);
+    options.setReadSizeLimit(-1);
+    QList<QByteArray> chunks = split(body, 4);
+    {
+        // Pauses of 1.1 s between chunks: longer than any libcurl or nginx idle tick.
+        Producer producer(queue, chunks, 1100);
+        client.postStream(TrelUrl::fromEncoded(nginx->url("/echo")), queue, options, results.callback());
+        ASSERT_TRUE(results.waitFor(1, 30000));
+    }
+    EXPECT_EQ(results.received[0].status, HttpClientStatus::OK);
+    EXPECT_EQ(results.received[0].code, 200);
+    EXPECT_TRUE(results.received[0].body == body);
+    ASSERT_TRUE(waitFor([&] { return backend->requestCount() == 1; }));
+    EXPECT_TRUE(backend->requests()[0].body == body); // what nginx accepted and forwarded
+    const int connectionsBefore = nginx->distinctConnectionsInAccessLog();
+    client.get(TrelUrl::fromEncoded(nginx->url("/files/1k")), options, results.callback());
+    ASSERT_TRUE(results.waitFor(2));
+    EXPECT_EQ(results.received[1].code, 200);
+    EXPECT_EQ(results.received[1].body.size(), 1024);
+    EXPECT_EQ(nginx->distinctConnectionsInAccessLog(), connectionsBefore); // same connection
+}
+
+TEST_F(Nginx, TwoHundredSequentialRequestsReuseOneConnection)
+{
+    HttpClient client;
+    const int logged = nginx->requestsInAccessLog();
+    const QString before = nginx->accessLog();
+    int done = 0;
+    std::function<void()> next = [&] {
+        client.get(TrelUrl::fromEncoded(nginx->url("/files/1k")), options, [&](const HttpClientResult& result) {
+            EXPECT_EQ(result.code, 200);
+            if (++done < 200) {
+                next();
+            }
+        });
+    };
+    next();
+    ASSERT_TRUE(waitFor([&] { return done == 200; }, 30000));
+    ASSERT_TRUE(waitFor([&] { return nginx->requestsInAccessLog() == logged + 200; }));
+    QSet<QString> connections;
+    for (const QString& line : nginx->accessLog().mid(before.size()).split('\n', Qt::SkipEmptyParts)) {
+        connections.insert(line.section(' ', 0, 0));
+    }
+    EXPECT_EQ(connections.size(), 1);
+}
+
+TEST_F(Nginx, Http2ClientFallsBackToHttp1OverCleartext)
+{
+    HttpClient client(nullptr, HttpClient::Http2);
+    client.get(TrelUrl::fromEncoded(nginx->url("/files/1k")), options, results.callback());
+    ASSERT_TRUE(results.waitFor(1));
+    EXPECT_EQ(results.received[0].status, HttpClientStatus::OK);
+    EXPECT_EQ(results.received[0].body.size(), 1024);
+}
+
+TEST_F(Nginx, CacheableResponseIsServedFromTheCacheOnTheSecondRound)
+{
+    HttpClient client;
+    client.setCacheSize(1 << 20);
+    const int logged = nginx->requestsInAccessLog();
+    EXPECT_NE(client.get(TrelUrl::fromEncoded(nginx->url("/cache/1k")), options, results.callback()), nullptr);
+    ASSERT_TRUE(results.waitFor(1));
+    EXPECT_EQ(client.get(TrelUrl::fromEncoded(nginx->url("/cache/1k")), options, results.callback()), nullptr);
+    ASSERT_TRUE(results.waitFor(2));
+    EXPECT_EQ(results.received[1].body, results.received[0].body);
+    EXPECT_EQ(results.received[1].headers.value("Cache-Control", QString()), "max-age=60");
+    ASSERT_TRUE(waitFor([&] { return nginx->requestsInAccessLog() == logged + 1; }));
+    trel::test::spinEventLoop(50);
+    EXPECT_EQ(nginx->requestsInAccessLog(), logged + 1);
+}
+
+// ---------------------------------------------------------------------------
+// nghttpd
+
+class Nghttpd : public ::testing::Test
+{
+protected:
+    static void SetUpTestSuite()
+    {
+        server = new NghttpdServer;
+        NghttpdServer::Options options;
+        options.pushes = QStringList{QStringLiteral("/index.html=/style.css,/1k")};
+        options.verbose = true;
+        ASSERT_TRUE(server->start(options)) << server->error().toStdString();
+    }
+    static void TearDownTestSuite()
+    {
+        delete server;
+        server = nullptr;
+    }
+    void SetUp() override { options.setVerifyPeer(false); }
+
+    static TrelUrl url(const QByteArray& path) { return TrelUrl::fromEncoded(server->url(path)); }
+
+    static inline NghttpdServer* server = nullptr;
+    Results results;
+    HttpClientOptions options;
+};
+
+TEST_F(Nghttpd, HundredConcurrentRequestsShareOneConnection)
+{
+    HttpClient client(nullptr, HttpClient::Http2);
+    for (int i = 0; i < 100; ++i) {
+        client.get(url("/1k?n=" + QByteArray::number(i)), options, results.callback());
+    }
+    ASSERT_TRUE(results.waitFor(100, 30000));
+    for (const auto& result : results.received) {
+        EXPECT_EQ(result.status, HttpClientStatus::OK);
+        EXPECT_EQ(result.body.size(), 1024);
+    }
+    EXPECT_EQ(trel::test::establishedConnectionsTo(server->port()), 1);
+}
+
+TEST_F(Nghttpd, PushedStreamsReachThePushReceiver)
+{
+    HttpClient client(nullptr, HttpClient::Http2);
+    ResultReceiver pushes;
+    HttpClientOptions pushOptions;
+    pushOptions.setUserData(HttpClientPrivate(QStringLiteral("push context")));
+    client.setPushProperties(&pushes, "onResult", pushOptions);
+    client.get(url("/index.html"), options, results.callback());
+    ASSERT_TRUE(results.waitFor(1));
+    EXPECT_EQ(results.received[0].body, "hello h2");
+    ASSERT_TRUE(waitFor([&] { return pushes.count() == 2; }));
+    QStringList pushed;
+    for (const auto& result : pushes.results()) {
+        EXPECT_TRUE(result.url.isEmpty());
+        EXPECT_EQ(result.context.getString(), "push context");
+        EXPECT_EQ(result.status, 0);
+        EXPECT_EQ(result.code, 200);
+        pushed << result.headers.value("X-TrelEfectiveUrl", QString());
+    }
+    pushed.sort();
+    EXPECT_EQ(pushed, QStringList({QString::fromLatin1(server->url("/1k")), QString::fromLatin1(server->url("/style.css"))}));
+}
+
+TEST_F(Nghttpd, Http1ClientNeverReceivesPushes)
+{
+    HttpClient client(nullptr, HttpClient::Http1);
+    ResultReceiver pushes;
+    client.setPushProperties(&pushes, "onResult", HttpClientOptions());
+    client.get(url("/index.html"), options, results.callback());
+    ASSERT_TRUE(results.waitFor(1));
+    EXPECT_EQ(results.received[0].status, HttpClientStatus::OK);
+    trel::test::spinEventLoop(200);
+    EXPECT_EQ(pushes.count(), 0);
+}
+
+TEST_F(Nghttpd, UploadsArriveIntactOverHttp2)
+{
+    HttpClient client(nullptr, HttpClient::Http2);
+    options.setReadSizeLimit(-1);
+    const QByteArray big = randomBytes(5 * 1000 * 1000, 11);
+    client.post(url("/echo"), big, options, results.callback());
+    ASSERT_TRUE(results.waitFor(1, 30000));
+    EXPECT_EQ(results.received[0].status, HttpClientStatus::OK);
+    EXPECT_TRUE(results.received[0].body == big);
+
+    client.postForm(url("/echo"), {{"alpha", "1"}, {"beta", "two"}}, options, results.callback());
+    ASSERT_TRUE(results.waitFor(2));
+    const QByteArray form = results.received[1].body;
+    EXPECT_TRUE(form.contains("name=\"alpha\"\r\n\r\n1\r\n"));
+    EXPECT_TRUE(form.contains("name=\"beta\"\r\n\r\ntwo\r\n"));
+    EXPECT_LT(form.indexOf("alpha"), form.indexOf("beta"));
+
+    client.postFile(url("/echo"), "file payload", options, results.callback());
+    ASSERT_TRUE(results.waitFor(3));
+    const QByteArray file = results.received[2].body;
+    EXPECT_TRUE(file.contains("name=\"filename\"; filename=\"trel-http-fetcher."));
+    EXPECT_TRUE(file.contains("Content-Type: application/octet-stream\r\n\r\nfile payload\r\n"));
+
+    const QByteArray streamed = randomBytes(100000, 12);
+    auto queue = QSharedPointer<HttpClientQueue>::create(nullptr);
+    {
+        Producer producer(queue, split(streamed, 10), 30);
+        client.postStream(url("/echo"), queue, options, results.callback());
+        ASSERT_TRUE(results.waitFor(4, 30000));
+    }
+    EXPECT_EQ(results.received[3].status, HttpClientStatus::OK);
+    EXPECT_TRUE(results.received[3].body == streamed);
+}
+
+TEST(NghttpdCleartext, Http2OverHttpAgainstPriorKnowledgeServerIsAnErrorReportedCleanly)
+{
+    NghttpdServer server;
+    NghttpdServer::Options options;
+    options.noTls = true;
+    ASSERT_TRUE(server.start(options)) << server.error().toStdString();
+    HttpClient client(nullptr, HttpClient::Http2);
+    Results results;
+    HttpClientOptions requestOptions;
+    requestOptions.setTimeoutMs(10000);
+    EXPECT_NE(client.get(TrelUrl::fromEncoded(server.url("/index.html")), requestOptions, results.callback()), nullptr);
+    ASSERT_TRUE(results.waitFor(1));
+    EXPECT_EQ(results.received[0].status, HttpClientStatus::Error);
+    EXPECT_FALSE(results.received[0].headers.contains("X-TrelEfectiveUrl"));
+}
+
+} // namespace

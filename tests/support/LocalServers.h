@@ -1,0 +1,125 @@
+#pragma once
+
+// Real servers from Debian's packages, run for tests and benchmarks on free
+// loopback ports with their own temporary prefix, and stopped by their own PID:
+// nginx (HTTP/1.1, and HTTP/2 over TLS) and nghttpd (HTTP/2, server push).
+
+#include <QByteArray>
+#include <QString>
+#include <QStringList>
+#include <QTemporaryDir>
+
+#include <sys/types.h>
+
+#include <memory>
+
+namespace trel::test {
+
+// A loopback port that was free a moment ago.
+quint16 freeLoopbackPort();
+// True once something accepts TCP connections on 127.0.0.1:port.
+bool waitUntilListening(quint16 port, int timeoutMs);
+
+// A child process stopped with SIGTERM (then SIGKILL) by its PID.
+class ChildProcess
+{
+public:
+    ChildProcess() = default;
+    ~ChildProcess() { stop(); }
+    ChildProcess(const ChildProcess&) = delete;
+    ChildProcess& operator=(const ChildProcess&) = delete;
+
+    // Output (stdout and stderr) goes to `logPath`.
+    bool start(const QString& program, const QStringList& arguments, const QString& logPath);
+    bool running();
+    void stop();
+    pid_t pid() const { return childPid; }
+
+private:
+    pid_t childPid = -1;
+};
+
+// A self-signed certificate for localhost and 127.0.0.1, made with openssl.
+struct TestCertificate
+{
+    QString keyPath;
+    QString certificatePath;
+    static bool create(const QString& directory, TestCertificate& out);
+};
+
+class NginxServer
+{
+public:
+    struct Options
+    {
+        quint16 backendPort = 0; // when set, /echo is proxied to 127.0.0.1:backendPort
+        bool http2Tls = false;   // also listen with TLS and HTTP/2 on tlsPort()
+        int workers = 1;
+    };
+
+    NginxServer() = default;
+    ~NginxServer() { stop(); }
+
+    bool start();
+    bool start(const Options& options);
+    void stop();
+    QString error() const { return lastError; }
+
+    quint16 port() const { return plainPort; }
+    quint16 tlsPort() const { return securePort; }
+    QByteArray url(const QByteArray& path) const;    // http://127.0.0.1:<port><path>
+    QByteArray tlsUrl(const QByteArray& path) const; // https://localhost:<tlsPort><path>
+    QString root() const;                            // served under /files/ and /cache/
+    void writeFile(const QString& relativePath, const QByteArray& content);
+
+    QString accessLog() const;
+    // Distinct connections ($connection) among the logged requests.
+    int distinctConnectionsInAccessLog() const;
+    int requestsInAccessLog() const;
+
+private:
+    bool writeConfig(const Options& options);
+    std::unique_ptr<QTemporaryDir> prefix;
+    ChildProcess process;
+    quint16 plainPort = 0;
+    quint16 securePort = 0;
+    QString lastError;
+};
+
+class NghttpdServer
+{
+public:
+    struct Options
+    {
+        bool echoUpload = true;
+        QStringList pushes; // "path=/a,/b": a GET of path pushes /a and /b
+        bool noTls = false; // cleartext prior-knowledge HTTP/2
+        bool verbose = false; // frame log in log(); needed to count connections
+    };
+
+    NghttpdServer() = default;
+    ~NghttpdServer() { stop(); }
+
+    bool start();
+    bool start(const Options& options);
+    void stop();
+    QString error() const { return lastError; }
+
+    quint16 port() const { return serverPort; }
+    // https://localhost:<port><path>, or http://127.0.0.1:<port><path> without TLS.
+    QByteArray url(const QByteArray& path) const;
+    QString root() const;
+    void writeFile(const QString& relativePath, const QByteArray& content);
+    QString log() const;
+    // Distinct client sessions seen in the verbose log.
+    int sessionsInLog() const;
+
+private:
+    std::unique_ptr<QTemporaryDir> prefix;
+    ChildProcess process;
+    quint16 serverPort = 0;
+    bool tls = true;
+    QString lastError;
+};
+
+} // namespace trel::test
