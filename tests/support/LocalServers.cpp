@@ -200,7 +200,7 @@ bool NginxServer::writeConfig(const Options& options)
                        "http {\n"
                        "    log_format trel '$connection $connection_requests $request_method $request_uri $status "
                        "$request_length $body_bytes_sent';\n"
-                       "    access_log %3/access.log trel;\n"
+                       "    access_log %6;\n"
                        "    client_body_temp_path %3/client_body;\n"
                        "    proxy_temp_path %3/proxy;\n"
                        "    fastcgi_temp_path %3/fastcgi;\n"
@@ -220,7 +220,8 @@ bool NginxServer::writeConfig(const Options& options)
             .arg(options.workers)
             .arg(dir)
             .arg(plainPort)
-            .arg(tls);
+            .arg(tls)
+            .arg(options.accessLog ? dir + QStringLiteral("/access.log trel") : QStringLiteral("off"));
     return writeFileAt(dir + QStringLiteral("/locations.conf"), locations.toUtf8())
         && writeFileAt(dir + QStringLiteral("/nginx.conf"), config.toUtf8());
 }

@@ -55,6 +55,7 @@ public:
         quint16 backendPort = 0; // when set, /echo is proxied to 127.0.0.1:backendPort
         bool http2Tls = false;   // also listen with TLS and HTTP/2 on tlsPort()
         int workers = 1;
+        bool accessLog = true; // benchmarks turn it off
     };
 
     NginxServer() = default;
