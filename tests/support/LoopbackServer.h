@@ -10,6 +10,7 @@
 #include <QList>
 #include <QPair>
 
+#include <atomic>
 #include <condition_variable>
 #include <functional>
 #include <mutex>
@@ -118,7 +119,7 @@ private:
     int wakeFds[2] = {-1, -1};
     quint16 boundPort = 0;
     std::thread thread;
-    bool running = false;
+    std::atomic<bool> running{false}; // read by the server thread, cleared by stop()
 
     mutable std::mutex mutex;
     mutable std::condition_variable recorded;
