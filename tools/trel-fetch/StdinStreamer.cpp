@@ -1,0 +1,63 @@
+#include "StdinStreamer.h"
+
+#include <QByteArray>
+
+#include <cerrno>
+#include <vector>
+
+#include <poll.h>
+#include <unistd.h>
+
+namespace trelfetch {
+namespace {
+
+// Smaller than libcurl's 64 KiB upload buffer and no divisor of it. The queue
+// leaves an empty remainder when a read takes a chunk exactly to its end, and the
+// next read then returns 0, which libcurl takes as the end of the body: with
+// 64 KiB chunks an HTTP/2 upload stopped after 128 KiB. Small odd-sized chunks
+// make that coincidence rare (it can still happen when libcurl asks for exactly
+// what is left of a chunk).
+constexpr int kChunkSize = 16000;
+// How often a producer waiting for input looks whether it should stop.
+constexpr int kStopCheckMs = 100;
+
+} // namespace
+
+StdinStreamer::StdinStreamer(int fd)
+    : fd(fd)
+    , queue_(QSharedPointer<HttpClientQueue>::create())
+    , producer([this] { run(); })
+{ }
+
+StdinStreamer::~StdinStreamer()
+{
+    stopping = true;
+    producer.join();
+    queue_->close();
+}
+
+// Runs on the producer thread. Input is polled rather than read blindly so that
+// a run that ends early (the request failed) can stop a producer waiting on a
+// terminal.
+void StdinStreamer::run()
+{
+    std::vector<char> buffer(kChunkSize);
+    while (!stopping) {
+        pollfd watched { fd, POLLIN, 0 };
+        const int ready = ::poll(&watched, 1, kStopCheckMs);
+        if (ready == 0 || (ready < 0 && errno == EINTR)) {
+            continue;
+        }
+        const ssize_t count = ready < 0 ? -1 : ::read(fd, buffer.data(), buffer.size());
+        if (count < 0 && errno == EINTR) {
+            continue;
+        }
+        if (count <= 0 || !queue_->append(QByteArray(buffer.data(), static_cast<int>(count)))) {
+            break; // end of input, a read error, or the queue was closed
+        }
+        bytesQueued_ += count;
+    }
+    queue_->close();
+}
+
+} // namespace trelfetch

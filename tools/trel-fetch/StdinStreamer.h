@@ -1,0 +1,40 @@
+#pragma once
+
+// The producer side of --stream: a thread that reads standard input in chunks
+// into an HttpClientQueue and closes the queue at end of input, so the client's
+// thread (which blocks in the queue while it is open and empty) always wakes up.
+
+#include <trel/HttpClientQueue.h>
+
+#include <QSharedPointer>
+
+#include <atomic>
+#include <cstdint>
+#include <thread>
+
+namespace trelfetch {
+
+class StdinStreamer
+{
+public:
+    explicit StdinStreamer(int fd = 0);
+    // Stops reading, closes the queue and joins the thread.
+    ~StdinStreamer();
+    StdinStreamer(const StdinStreamer&) = delete;
+    StdinStreamer& operator=(const StdinStreamer&) = delete;
+
+    QSharedPointer<HttpClientQueue> queue() const { return queue_; }
+    // Bytes appended so far; safe from any thread.
+    std::int64_t bytesQueued() const { return bytesQueued_.load(); }
+
+private:
+    void run();
+
+    const int fd;
+    const QSharedPointer<HttpClientQueue> queue_;
+    std::atomic<bool> stopping { false };
+    std::atomic<std::int64_t> bytesQueued_ { 0 };
+    std::thread producer;
+};
+
+} // namespace trelfetch
