@@ -1,0 +1,960 @@
+#include <trel/HttpClientQueue.h>
+
+#include "WaitFor.h"
+
+#include <gtest/gtest.h>
+
+#include <QByteArray>
+#include <QPointer>
+#include <QSharedPointer>
+#include <QWeakPointer>
+
+#include <sys/syscall.h>
+#include <sys/types.h>
+#include <unistd.h>
+
+#include <array>
+#include <atomic>
+#include <cstdint>
+#include <cstdio>
+#include <cstdlib>
+#include <fstream>
+#include <iterator>
+#include <limits>
+#include <string>
+#include <thread>
+#include <vector>
+
+#if defined(__SANITIZE_THREAD__)
+#define TREL_TEST_TSAN 1
+#elif defined(__has_feature)
+#if __has_feature(thread_sanitizer)
+#define TREL_TEST_TSAN 1
+#endif
+#endif
+
+#ifdef TREL_TEST_TSAN
+#include <QMutex>
+#include <QWaitCondition>
+
+#include <sanitizer/tsan_interface.h>
+
+#include <dlfcn.h>
+
+#include <cstdio>
+#include <cstdlib>
+
+// Qt is not built with ThreadSanitizer, and the queue locks its mutex and waits on
+// its condition only through Qt's out-of-line QMutex and QWaitCondition code, so
+// the sanitizer sees none of the ordering they provide and reports the queue's
+// guarded fields as racing. These definitions take the place of Qt's for the
+// library and the test, forward to Qt's own, and tell the sanitizer where the
+// mutex is taken and given up. Accesses made outside the mutex are still
+// reported.
+namespace {
+
+void* qtCoreFunction(const char* mangledName)
+{
+    void* function = ::dlvsym(RTLD_NEXT, mangledName, "Qt_5");
+    if (!function) {
+        std::fprintf(stderr, "cannot find %s in Qt Core\n", mangledName);
+        std::abort();
+    }
+    return function;
+}
+
+} // namespace
+
+void QMutex::lock() QT_MUTEX_LOCK_NOEXCEPT
+{
+    static const auto qtLock = reinterpret_cast<void (*)(QMutex*)>(qtCoreFunction("_ZN6QMutex4lockEv"));
+    qtLock(this);
+    __tsan_acquire(this);
+}
+
+void QMutex::unlock() noexcept
+{
+    static const auto qtUnlock = reinterpret_cast<void (*)(QMutex*)>(qtCoreFunction("_ZN6QMutex6unlockEv"));
+    __tsan_release(this);
+    qtUnlock(this);
+}
+
+bool QWaitCondition::wait(QMutex* lockedMutex, QDeadlineTimer deadline)
+{
+    static const auto qtWait = reinterpret_cast<bool (*)(QWaitCondition*, QMutex*, QDeadlineTimer)>(
+        qtCoreFunction("_ZN14QWaitCondition4waitEP6QMutex14QDeadlineTimer"));
+    __tsan_release(lockedMutex);
+    const bool woken = qtWait(this, lockedMutex, deadline);
+    __tsan_acquire(lockedMutex);
+    return woken;
+}
+#endif
+
+namespace {
+
+// Bytes after maxSize that read must never touch.
+constexpr int guardSize = 16;
+constexpr char guardByte = '#';
+
+// What a read that has not returned reports; no real result can equal it.
+constexpr int stillBlocked = std::numeric_limits<int>::min();
+
+struct ReadOutcome
+{
+    int result = 0;
+    QByteArray bytes;
+    bool guardIntact = true;
+};
+
+// The scheduler state of one of this process's threads, as the kernel reports it
+// ('R' running, 'S' sleeping, ...); '?' when it cannot be read.
+char threadState(pid_t tid)
+{
+    std::ifstream stat("/proc/self/task/" + std::to_string(tid) + "/stat");
+    std::string line;
+    std::getline(stat, line);
+    const auto close = line.rfind(')');
+    if (close == std::string::npos || close + 2 >= line.size()) {
+        return '?';
+    }
+    return line[close + 2];
+}
+
+// A read running on a thread of its own, as the transfer's read callback runs on
+// the client's thread while producers push from others.
+class BackgroundRead
+{
+public:
+    BackgroundRead(HttpClientQueue& queue, int maxSize)
+        : queue(queue)
+        , maxSize(maxSize)
+        , buffer(static_cast<size_t>(maxSize + guardSize), guardByte)
+        , thread([this] { run(); })
+    { }
+
+    ~BackgroundRead()
+    {
+        // A reader still waiting here means an expectation already failed; closing
+        // releases it so the thread can be joined instead of hanging the run. If
+        // even close cannot release it, no call of the queue can, and ending the
+        // run with a message beats waiting for the test timeout.
+        if (!finished.load()) {
+            queue.close();
+            if (!waitFinished()) {
+                std::fprintf(stderr, "a reader stayed blocked in HttpClientQueue::read after close()\n");
+                std::abort();
+            }
+        }
+        thread.join();
+    }
+
+    BackgroundRead(const BackgroundRead&) = delete;
+    BackgroundRead& operator=(const BackgroundRead&) = delete;
+
+    bool waitFinished(int timeoutMs = 10000)
+    {
+        return trel::test::waitFor([this] { return finished.load(); }, timeoutMs);
+    }
+
+    // True once the reader is seen asleep inside read without having returned:
+    // with nobody else holding the queue's mutex, the only place it can sleep is
+    // the wait for data.
+    bool waitBlocked(int timeoutMs = 10000)
+    {
+        return trel::test::waitFor(
+            [this] {
+                const pid_t tid = readerTid.load();
+                return tid != 0 && !finished.load() && threadState(tid) == 'S' && !finished.load();
+            },
+            timeoutMs);
+    }
+
+    bool isFinished() const { return finished.load(); }
+
+    ReadOutcome outcome() const
+    {
+        ReadOutcome outcome;
+        if (!finished.load()) {
+            outcome.result = stillBlocked;
+            return outcome;
+        }
+        outcome.result = result.load();
+        if (outcome.result > 0) {
+            outcome.bytes = QByteArray(buffer.data(), outcome.result);
+        }
+        for (int i = maxSize; i < maxSize + guardSize; ++i) {
+            outcome.guardIntact = outcome.guardIntact && buffer[static_cast<size_t>(i)] == guardByte;
+        }
+        return outcome;
+    }
+
+private:
+    void run()
+    {
+        readerTid.store(static_cast<pid_t>(::syscall(SYS_gettid)));
+        result.store(queue.read(buffer.data(), maxSize));
+        finished.store(true);
+    }
+
+    HttpClientQueue& queue;
+    const int maxSize;
+    std::vector<char> buffer;
+    std::atomic<pid_t> readerTid { 0 };
+    std::atomic<int> result { 0 };
+    std::atomic<bool> finished { false };
+    std::thread thread;
+};
+
+// One read of a queue that should answer at once (it holds a chunk, or is closed).
+// It runs on a thread of its own all the same, so that a read which wrongly
+// waits fails the test instead of hanging it.
+ReadOutcome readNow(HttpClientQueue& queue, int maxSize)
+{
+    BackgroundRead reader(queue, maxSize);
+    if (!reader.waitFinished(5000)) {
+        ADD_FAILURE() << "read(" << maxSize << ") did not return although it had no reason to wait";
+    }
+    return reader.outcome();
+}
+
+// Runs one producer call on a thread other than the reader's and joins it.
+template <typename Push> void pushFromAnotherThread(Push push)
+{
+    std::thread producer(push);
+    producer.join();
+}
+
+TEST(HttpClientQueue, IsOpenedUntilClosedAndCannotBeReopened)
+{
+    HttpClientQueue queue;
+    EXPECT_TRUE(queue.isOpened());
+    queue.close();
+    EXPECT_FALSE(queue.isOpened());
+    queue.close();
+    EXPECT_FALSE(queue.isOpened());
+    EXPECT_FALSE(queue.append("x"));
+    EXPECT_FALSE(queue.isOpened());
+}
+
+TEST(HttpClientQueue, IsOpenedSeesACloseFromAnotherThread)
+{
+    HttpClientQueue queue;
+    std::atomic<bool> closed { false };
+    std::thread producer([&] {
+        EXPECT_TRUE(queue.isOpened());
+        queue.close();
+        closed.store(true);
+    });
+    // Polled while the producer closes, as a caller checking on its stream would.
+    const bool seen = trel::test::waitFor([&] { return !queue.isOpened(); });
+    producer.join();
+    EXPECT_TRUE(seen);
+    EXPECT_TRUE(closed.load());
+    EXPECT_FALSE(queue.isOpened());
+}
+
+TEST(HttpClientQueue, IsAQObjectWithoutMembersOfItsOwn)
+{
+    HttpClientQueue queue;
+    QObject* object = &queue;
+    EXPECT_STREQ(queue.metaObject()->className(), "HttpClientQueue");
+    EXPECT_EQ(qobject_cast<HttpClientQueue*>(object), &queue);
+    EXPECT_NE(queue.qt_metacast("HttpClientQueue"), nullptr);
+    EXPECT_EQ(queue.metaObject()->superClass(), &QObject::staticMetaObject);
+    EXPECT_EQ(queue.metaObject()->methodCount(), QObject::staticMetaObject.methodCount());
+    EXPECT_EQ(queue.metaObject()->propertyCount(), QObject::staticMetaObject.propertyCount());
+    EXPECT_EQ(queue.parent(), nullptr);
+}
+
+TEST(HttpClientQueue, ReadOnOpenEmptyQueueBlocksUntilAnotherThreadAppends)
+{
+    HttpClientQueue queue;
+    BackgroundRead reader(queue, 64);
+    ASSERT_TRUE(reader.waitBlocked());
+    EXPECT_FALSE(reader.isFinished());
+
+    bool appended = false;
+    pushFromAnotherThread([&] { appended = queue.append("hello"); });
+    EXPECT_TRUE(appended);
+
+    ASSERT_TRUE(reader.waitFinished());
+    const ReadOutcome outcome = reader.outcome();
+    EXPECT_EQ(outcome.result, 5);
+    EXPECT_EQ(outcome.bytes, QByteArray("hello"));
+    EXPECT_TRUE(outcome.guardIntact);
+    EXPECT_TRUE(queue.isOpened());
+}
+
+TEST(HttpClientQueue, ReadOnOpenEmptyQueueIsReleasedByPrependFromAnotherThread)
+{
+    HttpClientQueue queue;
+    BackgroundRead reader(queue, 64);
+    ASSERT_TRUE(reader.waitBlocked());
+
+    pushFromAnotherThread([&] { queue.prepend("front"); });
+
+    ASSERT_TRUE(reader.waitFinished());
+    EXPECT_EQ(reader.outcome().bytes, QByteArray("front"));
+}
+
+TEST(HttpClientQueue, ReadReturnsAtOnceWithWhatIsQueuedWithoutWaitingForMore)
+{
+    HttpClientQueue queue;
+    ASSERT_TRUE(queue.append("abc"));
+
+    // Room for far more than is queued: the read must not wait for the rest.
+    BackgroundRead reader(queue, 100);
+    ASSERT_TRUE(reader.waitFinished());
+    const ReadOutcome outcome = reader.outcome();
+    EXPECT_EQ(outcome.result, 3);
+    EXPECT_EQ(outcome.bytes, QByteArray("abc"));
+    EXPECT_TRUE(outcome.guardIntact);
+    EXPECT_TRUE(queue.isOpened());
+}
+
+TEST(HttpClientQueue, FollowingChunksAreTakenWholeOnlyWhileTheyFitWithRoomToSpare)
+{
+    HttpClientQueue queue;
+    ASSERT_TRUE(queue.append("abc"));
+    ASSERT_TRUE(queue.append("defg"));
+    ASSERT_TRUE(queue.append("hijkl"));
+
+    // 3 + 4 leaves 3 bytes of room, which is not more than the 5-byte chunk.
+    ReadOutcome outcome = readNow(queue, 10);
+    EXPECT_EQ(outcome.result, 7);
+    EXPECT_EQ(outcome.bytes, QByteArray("abcdefg"));
+    EXPECT_TRUE(outcome.guardIntact);
+
+    outcome = readNow(queue, 10);
+    EXPECT_EQ(outcome.result, 5);
+    EXPECT_EQ(outcome.bytes, QByteArray("hijkl"));
+}
+
+TEST(HttpClientQueue, FollowingChunkThatWouldFillTheRoomExactlyWaitsForTheNextRead)
+{
+    HttpClientQueue queue;
+    ASSERT_TRUE(queue.append("abc"));
+    ASSERT_TRUE(queue.append("defghij"));
+
+    // 7 bytes of room left after the first chunk are not strictly more than 7.
+    ReadOutcome outcome = readNow(queue, 10);
+    EXPECT_EQ(outcome.result, 3);
+    EXPECT_EQ(outcome.bytes, QByteArray("abc"));
+
+    outcome = readNow(queue, 10);
+    EXPECT_EQ(outcome.result, 7);
+    EXPECT_EQ(outcome.bytes, QByteArray("defghij"));
+}
+
+TEST(HttpClientQueue, FollowingChunkOneByteShorterThanTheRoomLeftIsTaken)
+{
+    HttpClientQueue queue;
+    ASSERT_TRUE(queue.append("abc"));
+    ASSERT_TRUE(queue.append("defghi"));
+    ASSERT_TRUE(queue.append("j"));
+
+    // 7 bytes of room take the 6-byte chunk; the single byte left is not more
+    // than the 1-byte chunk behind it.
+    ReadOutcome outcome = readNow(queue, 10);
+    EXPECT_EQ(outcome.result, 9);
+    EXPECT_EQ(outcome.bytes, QByteArray("abcdefghi"));
+
+    outcome = readNow(queue, 10);
+    EXPECT_EQ(outcome.result, 1);
+    EXPECT_EQ(outcome.bytes, QByteArray("j"));
+}
+
+TEST(HttpClientQueue, FollowingChunkIsNeverSplitEvenWhenPartOfItWouldFit)
+{
+    HttpClientQueue queue;
+    ASSERT_TRUE(queue.append("ab"));
+    ASSERT_TRUE(queue.append("0123456789ABCDEF"));
+
+    ReadOutcome outcome = readNow(queue, 10);
+    EXPECT_EQ(outcome.result, 2);
+    EXPECT_EQ(outcome.bytes, QByteArray("ab"));
+    EXPECT_TRUE(outcome.guardIntact);
+
+    // Now first in line, the long chunk is split like any first chunk.
+    outcome = readNow(queue, 10);
+    EXPECT_EQ(outcome.result, 10);
+    EXPECT_EQ(outcome.bytes, QByteArray("0123456789"));
+    EXPECT_TRUE(outcome.guardIntact);
+
+    outcome = readNow(queue, 10);
+    EXPECT_EQ(outcome.result, 6);
+    EXPECT_EQ(outcome.bytes, QByteArray("ABCDEF"));
+}
+
+TEST(HttpClientQueue, ChunkLargerThanTheRoomIsSplitAndItsRestIsReadNext)
+{
+    HttpClientQueue queue;
+    ASSERT_TRUE(queue.append("abcdefghij"));
+    ASSERT_TRUE(queue.append("XY"));
+
+    ReadOutcome outcome = readNow(queue, 4);
+    EXPECT_EQ(outcome.result, 4);
+    EXPECT_EQ(outcome.bytes, QByteArray("abcd"));
+    EXPECT_TRUE(outcome.guardIntact);
+
+    outcome = readNow(queue, 4);
+    EXPECT_EQ(outcome.result, 4);
+    EXPECT_EQ(outcome.bytes, QByteArray("efgh"));
+    EXPECT_TRUE(outcome.guardIntact);
+
+    // The 2-byte rest leaves 2 bytes of room, not more than the 2-byte chunk.
+    outcome = readNow(queue, 4);
+    EXPECT_EQ(outcome.result, 2);
+    EXPECT_EQ(outcome.bytes, QByteArray("ij"));
+
+    outcome = readNow(queue, 4);
+    EXPECT_EQ(outcome.result, 2);
+    EXPECT_EQ(outcome.bytes, QByteArray("XY"));
+}
+
+TEST(HttpClientQueue, RestOfASplitChunkIsCombinedWithWholeChunksBehindIt)
+{
+    HttpClientQueue queue;
+    ASSERT_TRUE(queue.append("abcdef"));
+    ASSERT_TRUE(queue.append("gh"));
+    ASSERT_TRUE(queue.append("ij"));
+
+    ReadOutcome outcome = readNow(queue, 4);
+    EXPECT_EQ(outcome.bytes, QByteArray("abcd"));
+
+    outcome = readNow(queue, 10);
+    EXPECT_EQ(outcome.result, 6);
+    EXPECT_EQ(outcome.bytes, QByteArray("efghij"));
+}
+
+TEST(HttpClientQueue, ExactlyConsumedChunkLeavesAnEmptyRestThatTheNextReadReturnsAsZero)
+{
+    HttpClientQueue queue;
+    ASSERT_TRUE(queue.append("0123456789"));
+
+    ReadOutcome outcome = readNow(queue, 10);
+    EXPECT_EQ(outcome.result, 10);
+    EXPECT_EQ(outcome.bytes, QByteArray("0123456789"));
+    EXPECT_TRUE(outcome.guardIntact);
+
+    // The empty rest is still queued: the next read returns 0 at once although
+    // the queue is open and holds no bytes.
+    {
+        BackgroundRead reader(queue, 10);
+        ASSERT_TRUE(reader.waitFinished());
+        EXPECT_EQ(reader.outcome().result, 0);
+        EXPECT_TRUE(reader.outcome().guardIntact);
+    }
+    EXPECT_TRUE(queue.isOpened());
+
+    // It was consumed once: the read after it waits for data again.
+    BackgroundRead reader(queue, 10);
+    ASSERT_TRUE(reader.waitBlocked());
+    pushFromAnotherThread([&] { queue.append("next"); });
+    ASSERT_TRUE(reader.waitFinished());
+    EXPECT_EQ(reader.outcome().result, 4);
+    EXPECT_EQ(reader.outcome().bytes, QByteArray("next"));
+}
+
+TEST(HttpClientQueue, ReadThatConsumesTheEmptyRestTakesTheChunksBehindIt)
+{
+    HttpClientQueue queue;
+    ASSERT_TRUE(queue.append("0123456789"));
+    ASSERT_TRUE(queue.append("abc"));
+    ASSERT_TRUE(queue.append("de"));
+
+    EXPECT_EQ(readNow(queue, 10).result, 10);
+
+    const ReadOutcome outcome = readNow(queue, 10);
+    EXPECT_EQ(outcome.result, 5);
+    EXPECT_EQ(outcome.bytes, QByteArray("abcde"));
+}
+
+TEST(HttpClientQueue, EmptyRestFollowedByAChunkThatFillsTheRoomReturnsZero)
+{
+    HttpClientQueue queue;
+    ASSERT_TRUE(queue.append("0123456789"));
+    ASSERT_TRUE(queue.append("ABCDEFGHIJ"));
+
+    EXPECT_EQ(readNow(queue, 10).result, 10);
+
+    // Room 10 is not strictly more than the 10-byte chunk behind the empty rest.
+    ReadOutcome outcome = readNow(queue, 10);
+    EXPECT_EQ(outcome.result, 0);
+
+    outcome = readNow(queue, 10);
+    EXPECT_EQ(outcome.result, 10);
+    EXPECT_EQ(outcome.bytes, QByteArray("ABCDEFGHIJ"));
+}
+
+TEST(HttpClientQueue, SingleByteRoomSplitsEveryChunkAndYieldsAZeroAfterEachOne)
+{
+    HttpClientQueue queue;
+    ASSERT_TRUE(queue.append("ab"));
+    ASSERT_TRUE(queue.append("c"));
+
+    std::vector<int> results;
+    QByteArray bytes;
+    for (int i = 0; i < 5; ++i) {
+        const ReadOutcome outcome = readNow(queue, 1);
+        EXPECT_TRUE(outcome.guardIntact);
+        results.push_back(outcome.result);
+        bytes += outcome.bytes;
+    }
+    // "ab": 'a', 'b' (empty rest), then the empty rest is read, then 'c' with
+    // its own empty rest.
+    EXPECT_EQ(results, (std::vector<int> { 1, 1, 0, 1, 0 }));
+    EXPECT_EQ(bytes, QByteArray("abc"));
+}
+
+TEST(HttpClientQueue, EmptyChunksAreAcceptedAndReadAsZeroBytes)
+{
+    HttpClientQueue queue;
+    EXPECT_TRUE(queue.append(QByteArray()));
+    ReadOutcome outcome = readNow(queue, 8);
+    EXPECT_EQ(outcome.result, 0);
+    EXPECT_TRUE(outcome.guardIntact);
+
+    EXPECT_TRUE(queue.prepend(QByteArray("")));
+    EXPECT_EQ(readNow(queue, 8).result, 0);
+    EXPECT_TRUE(queue.isOpened());
+
+    // Each empty chunk was read once: the queue is empty again and the next
+    // read waits.
+    BackgroundRead reader(queue, 8);
+    ASSERT_TRUE(reader.waitBlocked());
+    pushFromAnotherThread([&] { queue.close(); });
+    ASSERT_TRUE(reader.waitFinished());
+    EXPECT_EQ(reader.outcome().result, -1);
+}
+
+TEST(HttpClientQueue, SeveralEmptyChunksGoInOneRead)
+{
+    HttpClientQueue queue;
+    ASSERT_TRUE(queue.append(QByteArray()));
+    ASSERT_TRUE(queue.append(QByteArray()));
+    ASSERT_TRUE(queue.prepend(QByteArray()));
+    ASSERT_TRUE(queue.append("z"));
+
+    const ReadOutcome outcome = readNow(queue, 2);
+    EXPECT_EQ(outcome.result, 1);
+    EXPECT_EQ(outcome.bytes, QByteArray("z"));
+}
+
+TEST(HttpClientQueue, EmptyChunkBetweenDataIsTakenAlongWithIt)
+{
+    HttpClientQueue queue;
+    ASSERT_TRUE(queue.append("ab"));
+    ASSERT_TRUE(queue.append(QByteArray()));
+    ASSERT_TRUE(queue.append("cd"));
+
+    const ReadOutcome outcome = readNow(queue, 10);
+    EXPECT_EQ(outcome.result, 4);
+    EXPECT_EQ(outcome.bytes, QByteArray("abcd"));
+}
+
+TEST(HttpClientQueue, PrependPutsTheChunkBeforeTheQueuedOnes)
+{
+    HttpClientQueue queue;
+    ASSERT_TRUE(queue.append("world"));
+    ASSERT_TRUE(queue.append("!"));
+    ASSERT_TRUE(queue.prepend("hello "));
+
+    ReadOutcome outcome = readNow(queue, 6);
+    EXPECT_EQ(outcome.bytes, QByteArray("hello "));
+
+    outcome = readNow(queue, 100);
+    EXPECT_EQ(outcome.bytes, QByteArray("world!"));
+}
+
+TEST(HttpClientQueue, PrependGoesInFrontOfThePartlyReadRestOfAChunk)
+{
+    HttpClientQueue queue;
+    ASSERT_TRUE(queue.append("abcdef"));
+
+    EXPECT_EQ(readNow(queue, 2).bytes, QByteArray("ab"));
+    ASSERT_TRUE(queue.prepend("XY"));
+
+    // "XY" leaves 1 byte of room, too little for the 4-byte rest.
+    ReadOutcome outcome = readNow(queue, 3);
+    EXPECT_EQ(outcome.result, 2);
+    EXPECT_EQ(outcome.bytes, QByteArray("XY"));
+
+    outcome = readNow(queue, 10);
+    EXPECT_EQ(outcome.bytes, QByteArray("cdef"));
+}
+
+TEST(HttpClientQueue, PushesAfterCloseAreRefusedAndDropped)
+{
+    HttpClientQueue queue;
+    ASSERT_TRUE(queue.append("abc"));
+    queue.close();
+
+    EXPECT_FALSE(queue.append("late"));
+    EXPECT_FALSE(queue.prepend("early"));
+    EXPECT_FALSE(queue.append(QByteArray()));
+    EXPECT_FALSE(queue.isOpened());
+
+    const ReadOutcome outcome = readNow(queue, 100);
+    EXPECT_EQ(outcome.result, 3);
+    EXPECT_EQ(outcome.bytes, QByteArray("abc"));
+    EXPECT_EQ(readNow(queue, 100).result, -1);
+}
+
+TEST(HttpClientQueue, PushesFromAnotherThreadAfterCloseAreRefused)
+{
+    HttpClientQueue queue;
+    queue.close();
+
+    bool appended = true;
+    bool prepended = true;
+    pushFromAnotherThread([&] {
+        appended = queue.append("x");
+        prepended = queue.prepend("y");
+    });
+    EXPECT_FALSE(appended);
+    EXPECT_FALSE(prepended);
+    EXPECT_EQ(readNow(queue, 10).result, -1);
+}
+
+TEST(HttpClientQueue, QueuedDataIsStillReadAfterCloseThenEveryReadReturnsMinusOne)
+{
+    HttpClientQueue queue;
+    ASSERT_TRUE(queue.append("12345"));
+    queue.close();
+
+    const ReadOutcome outcome = readNow(queue, 100);
+    EXPECT_EQ(outcome.result, 5);
+    EXPECT_EQ(outcome.bytes, QByteArray("12345"));
+
+    for (int i = 0; i < 3; ++i) {
+        EXPECT_EQ(readNow(queue, 100).result, -1) << "read " << i << " after the queue drained";
+    }
+}
+
+TEST(HttpClientQueue, ChunksQueuedBeforeCloseAreDrainedInOrderAcrossSplits)
+{
+    HttpClientQueue queue;
+    ASSERT_TRUE(queue.append("abcdefghij"));
+    ASSERT_TRUE(queue.append("kl"));
+    queue.close();
+
+    EXPECT_EQ(readNow(queue, 4).bytes, QByteArray("abcd"));
+    EXPECT_EQ(readNow(queue, 4).bytes, QByteArray("efgh"));
+    EXPECT_EQ(readNow(queue, 4).bytes, QByteArray("ij"));
+    EXPECT_EQ(readNow(queue, 4).bytes, QByteArray("kl"));
+    EXPECT_EQ(readNow(queue, 4).result, -1);
+}
+
+TEST(HttpClientQueue, ExactlyConsumedLastChunkAfterCloseGivesZeroBeforeMinusOne)
+{
+    HttpClientQueue queue;
+    ASSERT_TRUE(queue.append("12345"));
+    queue.close();
+
+    EXPECT_EQ(readNow(queue, 5).result, 5);
+    // The empty rest is still in the list, so the queue is not drained yet.
+    EXPECT_EQ(readNow(queue, 5).result, 0);
+    EXPECT_EQ(readNow(queue, 5).result, -1);
+}
+
+TEST(HttpClientQueue, CloseFromAnotherThreadWakesABlockedReader)
+{
+    HttpClientQueue queue;
+    BackgroundRead reader(queue, 32);
+    ASSERT_TRUE(reader.waitBlocked());
+    EXPECT_FALSE(reader.isFinished());
+
+    pushFromAnotherThread([&] { queue.close(); });
+
+    ASSERT_TRUE(reader.waitFinished());
+    EXPECT_EQ(reader.outcome().result, -1);
+    EXPECT_TRUE(reader.outcome().guardIntact);
+    EXPECT_EQ(readNow(queue, 32).result, -1);
+}
+
+TEST(HttpClientQueue, CloseWakesEveryBlockedReader)
+{
+    HttpClientQueue queue;
+    BackgroundRead first(queue, 8);
+    BackgroundRead second(queue, 8);
+    ASSERT_TRUE(first.waitBlocked());
+    ASSERT_TRUE(second.waitBlocked());
+
+    pushFromAnotherThread([&] { queue.close(); });
+
+    ASSERT_TRUE(first.waitFinished());
+    ASSERT_TRUE(second.waitFinished());
+    EXPECT_EQ(first.outcome().result, -1);
+    EXPECT_EQ(second.outcome().result, -1);
+}
+
+TEST(HttpClientQueue, ReaderWokenWithoutDataForItWaitsAgain)
+{
+    HttpClientQueue queue;
+    BackgroundRead first(queue, 8);
+    BackgroundRead second(queue, 8);
+    ASSERT_TRUE(first.waitBlocked());
+    ASSERT_TRUE(second.waitBlocked());
+
+    // One chunk for two waiting readers: exactly one of them gets it, the other
+    // goes back to waiting.
+    pushFromAnotherThread([&] { queue.append("one"); });
+    ASSERT_TRUE(trel::test::waitFor([&] { return first.isFinished() || second.isFinished(); }));
+    BackgroundRead& served = first.isFinished() ? first : second;
+    BackgroundRead& waiting = first.isFinished() ? second : first;
+    EXPECT_EQ(served.outcome().bytes, QByteArray("one"));
+    ASSERT_TRUE(waiting.waitBlocked());
+    EXPECT_FALSE(waiting.isFinished());
+
+    pushFromAnotherThread([&] { queue.append("two"); });
+    ASSERT_TRUE(waiting.waitFinished());
+    EXPECT_EQ(waiting.outcome().bytes, QByteArray("two"));
+}
+
+// Two readers with room for half a chunk each: one push must wake both, since
+// the first one woken leaves the other half queued and nothing else would wake
+// the second.
+void expectOnePushWakesEveryBlockedReader(bool (HttpClientQueue::*push)(const QByteArray&))
+{
+    HttpClientQueue queue;
+    BackgroundRead first(queue, 2);
+    BackgroundRead second(queue, 2);
+    ASSERT_TRUE(first.waitBlocked());
+    ASSERT_TRUE(second.waitBlocked());
+
+    pushFromAnotherThread([&] { (queue.*push)("abcd"); });
+
+    ASSERT_TRUE(first.waitFinished());
+    ASSERT_TRUE(second.waitFinished());
+    EXPECT_EQ(first.outcome().result, 2);
+    EXPECT_EQ(second.outcome().result, 2);
+    const QByteArray firstBytes = first.outcome().bytes;
+    const QByteArray secondBytes = second.outcome().bytes;
+    EXPECT_TRUE(firstBytes + secondBytes == "abcd" || secondBytes + firstBytes == "abcd")
+        << firstBytes.constData() << " / " << secondBytes.constData();
+}
+
+TEST(HttpClientQueue, AppendWakesEveryBlockedReader)
+{
+    expectOnePushWakesEveryBlockedReader(&HttpClientQueue::append);
+}
+
+TEST(HttpClientQueue, PrependWakesEveryBlockedReader)
+{
+    expectOnePushWakesEveryBlockedReader(&HttpClientQueue::prepend);
+}
+
+TEST(HttpClientQueue, OpenQueueWithPendingChunksIsDestroyedWithoutClose)
+{
+    QObject parent;
+    QPointer<HttpClientQueue> queue = new HttpClientQueue(&parent);
+    ASSERT_TRUE(queue->append(QByteArray(4096, 'a')));
+    ASSERT_TRUE(queue->append("partly read"));
+    EXPECT_EQ(readNow(*queue, 4000).result, 4000);
+    EXPECT_TRUE(queue->isOpened());
+
+    delete queue.data();
+    EXPECT_TRUE(queue.isNull());
+    EXPECT_TRUE(parent.children().isEmpty());
+}
+
+TEST(HttpClientQueue, LastSharedOwnerDestroysTheQueueWithoutClose)
+{
+    auto producerSide = QSharedPointer<HttpClientQueue>::create();
+    const QWeakPointer<HttpClientQueue> watch = producerSide;
+    QSharedPointer<HttpClientQueue> readerSide = producerSide;
+
+    // The producer pushes and lets go of its reference on its own thread without
+    // closing; the reader's reference keeps the queue alive.
+    std::thread producer([queue = std::move(producerSide)]() mutable {
+        queue->append("body");
+        queue.reset();
+    });
+    producer.join();
+    ASSERT_FALSE(watch.isNull());
+    EXPECT_TRUE(readerSide->isOpened());
+    EXPECT_EQ(readNow(*readerSide, 16).bytes, QByteArray("body"));
+
+    readerSide.reset();
+    EXPECT_TRUE(watch.isNull());
+}
+
+// Stream of many producers: each chunk is a frame carrying its producer, its
+// sequence number and a payload of varied length whose bytes derive from both,
+// so the byte stream the reader sees can be parsed back and checked.
+constexpr int producerCount = 4;
+constexpr int chunksPerProducer = 25000;
+constexpr int frameHeaderSize = 7; // producer (1), sequence (4), payload length (2)
+
+int payloadLength(int producer, int sequence)
+{
+    // Now and then a chunk far larger than most reads, so it is split many times.
+    if (sequence % 1000 == 999) {
+        return 3000 + producer * 7;
+    }
+    return (sequence * 37 + producer * 11) % 181;
+}
+
+char payloadByte(int producer, int sequence, int index)
+{
+    return static_cast<char>((producer * 31 + sequence * 7 + index * 13) & 0xff);
+}
+
+QByteArray frame(int producer, int sequence)
+{
+    const int length = payloadLength(producer, sequence);
+    QByteArray bytes;
+    bytes.reserve(frameHeaderSize + length);
+    bytes.append(static_cast<char>(producer));
+    for (int shift = 0; shift < 32; shift += 8) {
+        bytes.append(static_cast<char>((static_cast<uint32_t>(sequence) >> shift) & 0xff));
+    }
+    bytes.append(static_cast<char>(length & 0xff));
+    bytes.append(static_cast<char>((length >> 8) & 0xff));
+    for (int i = 0; i < length; ++i) {
+        bytes.append(payloadByte(producer, sequence, i));
+    }
+    return bytes;
+}
+
+::testing::AssertionResult everyProducersFramesArrivedWholeAndInOrder(const std::string& stream)
+{
+    std::array<int, producerCount> next {};
+    const auto byteAt = [&](size_t position) { return static_cast<uint8_t>(stream[position]); };
+    size_t position = 0;
+    while (position < stream.size()) {
+        if (stream.size() - position < frameHeaderSize) {
+            return ::testing::AssertionFailure() << "truncated frame header at byte " << position;
+        }
+        const int producer = byteAt(position);
+        uint32_t sequence = 0;
+        for (int i = 0; i < 4; ++i) {
+            sequence |= static_cast<uint32_t>(byteAt(position + 1 + static_cast<size_t>(i))) << (8 * i);
+        }
+        const int length = byteAt(position + 5) | (byteAt(position + 6) << 8);
+        if (producer >= producerCount) {
+            return ::testing::AssertionFailure()
+                << "unknown producer " << producer << " at byte " << position;
+        }
+        if (static_cast<int>(sequence) != next[static_cast<size_t>(producer)]) {
+            return ::testing::AssertionFailure()
+                << "producer " << producer << ": chunk " << sequence << " where chunk "
+                << next[static_cast<size_t>(producer)] << " was due, at byte " << position;
+        }
+        if (length != payloadLength(producer, static_cast<int>(sequence))) {
+            return ::testing::AssertionFailure()
+                << "producer " << producer << " chunk " << sequence << ": length " << length;
+        }
+        position += frameHeaderSize;
+        if (stream.size() - position < static_cast<size_t>(length)) {
+            return ::testing::AssertionFailure()
+                << "producer " << producer << " chunk " << sequence << " truncated";
+        }
+        for (int i = 0; i < length; ++i) {
+            if (stream[position + static_cast<size_t>(i)]
+                != payloadByte(producer, static_cast<int>(sequence), i)) {
+                return ::testing::AssertionFailure() << "producer " << producer << " chunk " << sequence
+                                                     << ": payload byte " << i << " corrupted";
+            }
+        }
+        position += static_cast<size_t>(length);
+        ++next[static_cast<size_t>(producer)];
+    }
+    for (int producer = 0; producer < producerCount; ++producer) {
+        if (next[static_cast<size_t>(producer)] != chunksPerProducer) {
+            return ::testing::AssertionFailure()
+                << "producer " << producer << ": " << next[static_cast<size_t>(producer)] << " of "
+                << chunksPerProducer << " chunks arrived";
+        }
+    }
+    return ::testing::AssertionSuccess();
+}
+
+TEST(HttpClientQueue, ConcurrentProducersChunksArriveWholeAndInEachProducersOrder)
+{
+    HttpClientQueue queue;
+    std::atomic<bool> closing { false };
+
+    std::string stream;
+    size_t expectedBytes = 0;
+    for (int producer = 0; producer < producerCount; ++producer) {
+        for (int sequence = 0; sequence < chunksPerProducer; ++sequence) {
+            expectedBytes += static_cast<size_t>(frameHeaderSize + payloadLength(producer, sequence));
+        }
+    }
+    stream.reserve(expectedBytes);
+
+    std::atomic<bool> consumerDone { false };
+    int badResults = 0;
+    int minusOneWhileOpen = 0;
+    int zeroResults = 0;
+    int readsAfterEnd = 0;
+    std::thread consumer([&] {
+        // Room sizes from one byte to more than the largest chunk, including the
+        // exact sizes of the smallest frames.
+        static const int rooms[] = { 1, 3, 7, 8, 50, 187, 188, 256, 1000, 4096, 2, 16384 };
+        std::vector<char> buffer(16384);
+        uint32_t pick = 12345;
+        for (;;) {
+            pick = pick * 1103515245u + 12345u;
+            const int room = (pick >> 16) % 3 == 0 ? rooms[(pick >> 8) % std::size(rooms)]
+                                                   : static_cast<int>(1 + (pick >> 16) % 400);
+            const int got = queue.read(buffer.data(), room);
+            if (got == -1) {
+                if (!closing.load()) {
+                    ++minusOneWhileOpen;
+                }
+                // Once drained, a closed queue keeps answering -1.
+                if (queue.read(buffer.data(), 64) != -1) {
+                    ++readsAfterEnd;
+                }
+                break;
+            }
+            if (got < 0 || got > room) {
+                ++badResults;
+                break;
+            }
+            if (got == 0) {
+                ++zeroResults;
+            }
+            stream.append(buffer.data(), static_cast<size_t>(got));
+        }
+        consumerDone.store(true);
+    });
+
+    std::atomic<int> refused { 0 };
+    std::vector<std::thread> producers;
+    for (int producer = 0; producer < producerCount; ++producer) {
+        producers.emplace_back([&queue, &refused, producer] {
+            for (int sequence = 0; sequence < chunksPerProducer; ++sequence) {
+                if (!queue.append(frame(producer, sequence))) {
+                    ++refused;
+                }
+            }
+        });
+    }
+    for (auto& producer : producers) {
+        producer.join();
+    }
+    EXPECT_TRUE(queue.isOpened());
+    closing.store(true);
+    queue.close();
+
+    // The queue is closed and nothing else can release the consumer.
+    if (!trel::test::waitFor([&] { return consumerDone.load(); }, 60000)) {
+        std::fprintf(stderr, "the consumer did not reach the end of the closed queue\n");
+        std::abort();
+    }
+    consumer.join();
+
+    EXPECT_EQ(refused.load(), 0);
+    EXPECT_EQ(badResults, 0);
+    EXPECT_EQ(minusOneWhileOpen, 0);
+    EXPECT_EQ(readsAfterEnd, 0);
+    EXPECT_EQ(stream.size(), expectedBytes);
+    EXPECT_TRUE(everyProducersFramesArrivedWholeAndInOrder(stream));
+    RecordProperty("zeroLengthReads", zeroResults);
+}
+
+} // namespace
