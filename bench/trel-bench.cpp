@@ -8,16 +8,16 @@
 
 #include <QCoreApplication>
 
-#include <log4cplus/initializer.h>
-#include <log4cplus/logger.h>
 #include <QElapsedTimer>
 #include <QFile>
 #include <QTemporaryDir>
 #include <QTimer>
+#include <log4cplus/initializer.h>
+#include <log4cplus/logger.h>
 
+#include <fcntl.h>
 #include <sys/resource.h>
 #include <sys/wait.h>
-#include <fcntl.h>
 #include <unistd.h>
 
 #include <cstdio>
@@ -41,12 +41,13 @@ struct Measurement
 
 double cpuOf(const rusage& usage)
 {
-    return usage.ru_utime.tv_sec + usage.ru_utime.tv_usec / 1e6 + usage.ru_stime.tv_sec + usage.ru_stime.tv_usec / 1e6;
+    return usage.ru_utime.tv_sec + usage.ru_utime.tv_usec / 1e6 + usage.ru_stime.tv_sec
+        + usage.ru_stime.tv_usec / 1e6;
 }
 
 double processCpu()
 {
-    rusage usage{};
+    rusage usage {};
     getrusage(RUSAGE_SELF, &usage);
     return cpuOf(usage);
 }
@@ -54,7 +55,7 @@ double processCpu()
 // Issues `total` requests with at most `inFlight` at once and runs the event
 // loop until all have answered.
 Measurement runClient(HttpClient& client, int total, int inFlight,
-                      const std::function<void*(HttpClient&, HttpClient::Callback)>& issue)
+    const std::function<void*(HttpClient&, HttpClient::Callback)>& issue)
 {
     Measurement m;
     m.requests = total;
@@ -96,12 +97,13 @@ Measurement runClient(HttpClient& client, int total, int inFlight,
 }
 
 // Runs curl with a config file; the child's own CPU time is measured.
-Measurement runCurl(const QStringList& arguments, int requests, qint64 bytes, const QString& stdinPath = QString())
+Measurement runCurl(
+    const QStringList& arguments, int requests, qint64 bytes, const QString& stdinPath = QString())
 {
     Measurement m;
     m.requests = requests;
     m.bytes = bytes;
-    std::vector<QByteArray> storage{"/usr/bin/curl"};
+    std::vector<QByteArray> storage { "/usr/bin/curl" };
     for (const QString& argument : arguments) {
         storage.push_back(argument.toLocal8Bit());
     }
@@ -123,7 +125,7 @@ Measurement runCurl(const QStringList& arguments, int requests, qint64 bytes, co
         _exit(127);
     }
     int status = 0;
-    rusage usage{};
+    rusage usage {};
     wait4(child, &status, 0, &usage);
     m.seconds = timer.nsecsElapsed() / 1e9;
     m.cpuSeconds = cpuOf(usage);
@@ -149,9 +151,9 @@ void print(const char* name, const Measurement& library, const Measurement& curl
     };
     auto cpuPerRequest = [](const Measurement& m) { return m.cpuSeconds / m.requests * 1e6; };
     std::printf("%-28s %12.1f %-5s %10.1f | curl %12.1f %-5s %10.1f | ratio %5.2f%s\n", name, rate(library),
-                throughput ? "MB/s" : "req/s", cpuPerRequest(library), rate(curl), throughput ? "MB/s" : "req/s",
-                cpuPerRequest(curl), rate(library) / rate(curl),
-                library.failures || curl.failures ? "  (FAILURES)" : "");
+        throughput ? "MB/s" : "req/s", cpuPerRequest(library), rate(curl), throughput ? "MB/s" : "req/s",
+        cpuPerRequest(curl), rate(library) / rate(curl),
+        library.failures || curl.failures ? "  (FAILURES)" : "");
     std::fflush(stdout);
 }
 
@@ -190,41 +192,46 @@ int main(int argc, char** argv)
     options.setVerifyPeer(false);
 
     std::printf("%-28s %18s %10s | %23s %10s\n", "case (nginx on loopback)", "library", "CPU us/req", "curl",
-                "CPU us/req");
+        "CPU us/req");
 
-    for (const bool h2 : {false, true}) {
+    for (const bool h2 : { false, true }) {
         const QByteArray url = h2 ? nginx.tlsUrl("/files/1k") : nginx.url("/files/1k");
-        const QStringList curlBase = h2 ? QStringList{"-s", "-k", "--http2"} : QStringList{"-s"};
+        const QStringList curlBase = h2 ? QStringList { "-s", "-k", "--http2" } : QStringList { "-s" };
         HttpClient client(nullptr, h2 ? HttpClient::Http2 : HttpClient::Http1);
         const TrelUrl target = TrelUrl::fromEncoded(url);
         auto get = [&](HttpClient& c, HttpClient::Callback cb) { return c.get(target, options, cb); };
         runClient(client, 50, 1, get); // warm the connection
         const Measurement seq = runClient(client, sequential, 1, get);
-        const Measurement seqCurl = runCurl(curlBase + QStringList{"-K", writeConfig(scratch, "seq", url, sequential)},
-                                            sequential, sequential * 1024LL);
+        const Measurement seqCurl
+            = runCurl(curlBase + QStringList { "-K", writeConfig(scratch, "seq", url, sequential) },
+                sequential, sequential * 1024LL);
         print(h2 ? "1 KiB GET sequential h2 tls" : "1 KiB GET sequential h1", seq, seqCurl, false);
         const Measurement par = runClient(client, parallel, 50, get);
-        const Measurement parCurl = runCurl(
-            curlBase + QStringList{"-Z", "--parallel-max", "50", "-K", writeConfig(scratch, "par", url, parallel)},
+        const Measurement parCurl = runCurl(curlBase
+                + QStringList { "-Z", "--parallel-max", "50", "-K",
+                    writeConfig(scratch, "par", url, parallel) },
             parallel, parallel * 1024LL);
         print(h2 ? "1 KiB GET 50 in flight h2 tls" : "1 KiB GET 50 in flight h1", par, parCurl, false);
     }
 
     HttpClient client;
     const TrelUrl big = TrelUrl::fromEncoded(nginx.url("/files/10m"));
-    const Measurement download =
-        runClient(client, bigRounds, 1, [&](HttpClient& c, HttpClient::Callback cb) { return c.get(big, options, cb); });
-    const Measurement downloadCurl = runCurl(QStringList{"-s", "-K", writeConfig(scratch, "big", nginx.url("/files/10m"), bigRounds)},
-                                             bigRounds, bigRounds * 10485760LL);
+    const Measurement download = runClient(client, bigRounds, 1,
+        [&](HttpClient& c, HttpClient::Callback cb) { return c.get(big, options, cb); });
+    const Measurement downloadCurl
+        = runCurl(QStringList { "-s", "-K", writeConfig(scratch, "big", nginx.url("/files/10m"), bigRounds) },
+            bigRounds, bigRounds * 10485760LL);
     print("10 MiB download h1", download, downloadCurl, true);
 
     const TrelUrl uploadUrl = TrelUrl::fromEncoded(nginx.url("/upload"));
-    Measurement post =
-        runClient(client, bigRounds, 1, [&](HttpClient& c, HttpClient::Callback cb) { return c.post(uploadUrl, upload, options, cb); });
+    Measurement post = runClient(client, bigRounds, 1,
+        [&](HttpClient& c, HttpClient::Callback cb) { return c.post(uploadUrl, upload, options, cb); });
     post.bytes = bigRounds * qint64(upload.size());
-    QStringList postArgs{"-s"};
+    QStringList postArgs { "-s" };
     for (int i = 0; i < bigRounds; ++i) {
-        postArgs << "--data-binary" << "@" + uploadPath << nginx.url("/upload") << "-o" << "/dev/null";
+        postArgs << "--data-binary"
+                 << "@" + uploadPath << nginx.url("/upload") << "-o"
+                 << "/dev/null";
         if (i + 1 < bigRounds) {
             postArgs << "--next";
         }
@@ -248,8 +255,9 @@ int main(int argc, char** argv)
     stream.bytes = bigRounds * qint64(upload.size());
     Measurement streamCurl;
     for (int i = 0; i < bigRounds; ++i) {
-        const Measurement one = runCurl({"-s", "-X", "POST", "-T", "-", nginx.url("/upload"), "-o", "/dev/null"}, 1,
-                                        upload.size(), uploadPath);
+        const Measurement one
+            = runCurl({ "-s", "-X", "POST", "-T", "-", nginx.url("/upload"), "-o", "/dev/null" }, 1,
+                upload.size(), uploadPath);
         streamCurl.seconds += one.seconds;
         streamCurl.cpuSeconds += one.cpuSeconds;
         streamCurl.requests += 1;

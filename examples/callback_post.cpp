@@ -18,14 +18,14 @@ int main(int argc, char** argv)
     int pending = 2;
     int failures = 0;
     const auto print = [&](const HttpClientResult& result) {
-        std::cout << result.url << " -> " << result.status << ' ' << result.code << ": " << result.body.left(60).constData()
-                  << '\n';
+        std::cout << result.url << " -> " << result.status << ' ' << result.code << ": "
+                  << result.body.left(60).constData() << '\n';
         failures += result.status == HttpClientStatus::OK ? 0 : 1;
         if (--pending == 0) {
             QCoreApplication::exit(failures);
         }
     };
-    client.postForm(url, {{"name", "trel"}, {"kind", "example"}}, HttpClientOptions(), print);
+    client.postForm(url, { { "name", "trel" }, { "kind", "example" } }, HttpClientOptions(), print);
     client.post(url, QByteArray("raw bytes"), HttpClientOptions(), print);
     return app.exec();
 }

@@ -14,24 +14,28 @@ class Receiver : public QObject
 {
     Q_OBJECT
 public slots:
-    void onResult(const TrelUrl& url, const HttpClientPrivate&, int status, int code,
-                  const QByteArray& body, const HttpClientHeaders& headers)
+    void onResult(const TrelUrl& url, const HttpClientPrivate&, int status, int code, const QByteArray& body,
+        const HttpClientHeaders& headers)
     {
-        std::cout << (url.isEmpty() ? "pushed " : "got ") << headers.value("X-TrelEfectiveUrl", url.toString())
-                  << ": " << HttpClient::toString(HttpClientStatus(status)) << ' ' << code << ", "
-                  << body.size() << " bytes\n";
+        std::cout << (url.isEmpty() ? "pushed " : "got ")
+                  << headers.value("X-TrelEfectiveUrl", url.toString()) << ": "
+                  << HttpClient::toString(HttpClientStatus(status)) << ' ' << code << ", " << body.size()
+                  << " bytes\n";
     }
 };
 
 int main(int argc, char** argv)
 {
     QCoreApplication app(argc, argv);
-    if (argc != 3) return 2;
+    if (argc != 3)
+        return 2;
     const TrelUrl http1(QString::fromLocal8Bit(argv[1])), http2(QString::fromLocal8Bit(argv[2]));
     Receiver receiver;
     HttpClientOptions options;
     options.setTimeoutMs(5000);
 
+    // The README quotes this block verbatim; its aligned comments are kept.
+    // clang-format off
     HttpClient client;                                  // HTTP/1.1, on this thread's event loop
     client.get(http1, &receiver, "onResult", options);  // result: a queued call of the slot
     client.post(http1, "hello", options, [](const HttpClientResult& r) {
@@ -47,6 +51,7 @@ int main(int argc, char** argv)
     insecure.setVerifyPeer(false);                      // the demo's self-signed certificate
     h2.setPushProperties(&receiver, "onResult", insecure);
     h2.get(http2, &receiver, "onResult", insecure);
+    // clang-format on
 
     QTimer::singleShot(2000, &app, &QCoreApplication::quit);
     return app.exec();

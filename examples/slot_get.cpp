@@ -15,7 +15,7 @@ class Printer : public QObject
 public slots:
     // The six arguments every result slot takes, in this order.
     void onResult(const TrelUrl& url, const HttpClientPrivate& context, int status, int code,
-                  const QByteArray& body, const HttpClientHeaders& headers)
+        const QByteArray& body, const HttpClientHeaders& headers)
     {
         std::cout << url << " [" << context.getString() << "] -> "
                   << HttpClient::toString(static_cast<HttpClientStatus>(status)) << ' ' << code << ", "

@@ -8,15 +8,13 @@
 // Handles to the platform's request and reply payloads: copyable, nullable,
 // sharing one reference-counted polymorphic data object. Copies never clone
 // the data; the last handle to go deletes it through its virtual destructor.
-template <typename DataType>
-class CMHandle
+template <typename DataType> class CMHandle
 {
 public:
     CMHandle() = default;
     explicit CMHandle(DataType* data)
         : d(data)
-    {
-    }
+    { }
 
     bool isNull() const { return !d; }
     DataType* data() const { return d.data(); }
@@ -42,8 +40,7 @@ public:
     CMRequest() = default;
     explicit CMRequest(Data* data)
         : handle(data)
-    {
-    }
+    { }
 
     bool isNull() const { return handle.isNull(); }
     Data* data() const { return handle.data(); }
@@ -55,21 +52,20 @@ private:
 };
 
 // A request kind: a CMRequest whose data is of the kind's own Data class.
-#define TREL_DECLARE_CM_REQUEST_KIND(Kind)                                                       \
-    class TREL_API_EXPORT Kind : public CMRequest                                                \
-    {                                                                                            \
-    public:                                                                                      \
-        class TREL_API_EXPORT Data : public CMRequest::Data                                      \
-        {                                                                                        \
-        public:                                                                                  \
-            ~Data() override;                                                                    \
-        };                                                                                       \
-        Kind() = default;                                                                        \
-        explicit Kind(Data* data)                                                                \
-            : CMRequest(data)                                                                    \
-        {                                                                                        \
-        }                                                                                        \
-        Data* data() const { return static_cast<Data*>(CMRequest::data()); }                     \
+#define TREL_DECLARE_CM_REQUEST_KIND(Kind)                                                                   \
+    class TREL_API_EXPORT Kind : public CMRequest                                                            \
+    {                                                                                                        \
+    public:                                                                                                  \
+        class TREL_API_EXPORT Data : public CMRequest::Data                                                  \
+        {                                                                                                    \
+        public:                                                                                              \
+            ~Data() override;                                                                                \
+        };                                                                                                   \
+        Kind() = default;                                                                                    \
+        explicit Kind(Data* data)                                                                            \
+            : CMRequest(data)                                                                                \
+        { }                                                                                                  \
+        Data* data() const { return static_cast<Data*>(CMRequest::data()); }                                 \
     };
 
 TREL_DECLARE_CM_REQUEST_KIND(CMGetRowsRequest)
@@ -93,8 +89,7 @@ public:
     CMVoidReply() = default;
     explicit CMVoidReply(Data* data)
         : handle(data)
-    {
-    }
+    { }
 
     bool isNull() const { return handle.isNull(); }
     Data* data() const { return handle.data(); }

@@ -62,7 +62,7 @@ public:
     struct Reply
     {
         QObject* receiver = nullptr; // not owned, not watched
-        QByteArray slot;             // the bare method name, used unchanged
+        QByteArray slot; // the bare method name, used unchanged
         Callback callback;
     };
 
@@ -77,32 +77,35 @@ public:
     void* head(const TrelUrl& url, QObject* receiver, const char* slot, const HttpClientOptions& options);
     void* head(const TrelUrl& url, const HttpClientOptions& options, Callback callback);
     void* post(const TrelUrl& url, const QByteArray& data, QObject* receiver, const char* slot,
-               const HttpClientOptions& options);
-    void* post(const TrelUrl& url, const QByteArray& data, const HttpClientOptions& options, Callback callback);
+        const HttpClientOptions& options);
+    void* post(
+        const TrelUrl& url, const QByteArray& data, const HttpClientOptions& options, Callback callback);
     void* put(const TrelUrl& url, const QByteArray& data, QObject* receiver, const char* slot,
-              const HttpClientOptions& options);
-    void* put(const TrelUrl& url, const QByteArray& data, const HttpClientOptions& options, Callback callback);
+        const HttpClientOptions& options);
+    void* put(
+        const TrelUrl& url, const QByteArray& data, const HttpClientOptions& options, Callback callback);
     void* delete_(const TrelUrl& url, const QByteArray& data, QObject* receiver, const char* slot,
-                  const HttpClientOptions& options);
-    void* delete_(const TrelUrl& url, const QByteArray& data, const HttpClientOptions& options,
-                  Callback callback);
+        const HttpClientOptions& options);
+    void* delete_(
+        const TrelUrl& url, const QByteArray& data, const HttpClientOptions& options, Callback callback);
     void* patch(const TrelUrl& url, const QByteArray& data, QObject* receiver, const char* slot,
-                const HttpClientOptions& options);
-    void* patch(const TrelUrl& url, const QByteArray& data, const HttpClientOptions& options, Callback callback);
+        const HttpClientOptions& options);
+    void* patch(
+        const TrelUrl& url, const QByteArray& data, const HttpClientOptions& options, Callback callback);
     // The queue is read on this client's thread and blocks it while open and
     // empty: feed it from another thread and close it at the end.
     void* postStream(const TrelUrl& url, QSharedPointer<HttpClientQueue> queue, QObject* receiver,
-                     const char* slot, const HttpClientOptions& options);
+        const char* slot, const HttpClientOptions& options);
     void* postStream(const TrelUrl& url, QSharedPointer<HttpClientQueue> queue,
-                     const HttpClientOptions& options, Callback callback);
+        const HttpClientOptions& options, Callback callback);
     void* postForm(const TrelUrl& url, const QList<QPair<QString, QString>>& fields, QObject* receiver,
-                   const char* slot, const HttpClientOptions& options);
+        const char* slot, const HttpClientOptions& options);
     void* postForm(const TrelUrl& url, const QList<QPair<QString, QString>>& fields,
-                   const HttpClientOptions& options, Callback callback);
+        const HttpClientOptions& options, Callback callback);
     void* postFile(const TrelUrl& url, const QByteArray& data, QObject* receiver, const char* slot,
-                   const HttpClientOptions& options);
-    void* postFile(const TrelUrl& url, const QByteArray& data, const HttpClientOptions& options,
-                   Callback callback);
+        const HttpClientOptions& options);
+    void* postFile(
+        const TrelUrl& url, const QByteArray& data, const HttpClientOptions& options, Callback callback);
 
     // True when a live transfer had this id; its caller then gets Error/-1.
     bool cancel(void* id);
@@ -118,8 +121,8 @@ public:
     // libcurl callbacks; each receives the client as its user pointer.
     static int handleSocket(CURL* easy, curl_socket_t s, int what, void* userp, void* socketp);
     static int startTimeout(CURLM* multi, long timeout_ms, void* userp);
-    static int serverPushCallback(CURL* parent, CURL* easy, size_t num_headers, curl_pushheaders* headers,
-                                  void* userp);
+    static int serverPushCallback(
+        CURL* parent, CURL* easy, size_t num_headers, curl_pushheaders* headers, void* userp);
 
 private slots:
     void on_timer_timeout();
@@ -134,14 +137,14 @@ private:
 
     template <typename T>
     void* send(const TrelUrl& url, HttpMethod method, const T& body, const HttpClientOptions& options,
-               const Reply& reply, const char* signature);
-    QSharedPointer<HttpClientTransfer> createTransfer(TrelUrl url, HttpMethod method,
-                                                      const HttpClientOptions& options, const Reply& reply);
+        const Reply& reply, const char* signature);
+    QSharedPointer<HttpClientTransfer> createTransfer(
+        TrelUrl url, HttpMethod method, const HttpClientOptions& options, const Reply& reply);
     void notifyCaller(const Reply& reply, const HttpClientResult& result, const HttpClientPrivate& context);
     // Every connection goes through here: a connection Qt refuses (unknown
     // signal or slot, unregistered queued argument type) is a contract violation.
-    void connectVerified(const QObject* sender, const char* signal, const char* method,
-                         Qt::ConnectionType type);
+    void connectVerified(
+        const QObject* sender, const char* signal, const char* method, Qt::ConnectionType type);
     void listenSocket(curl_socket_t socket, bool in, bool out);
     void removeSocket(curl_socket_t socket);
     QSharedPointer<QSocketNotifier> makeNotifier(curl_socket_t socket, QSocketNotifier::Type type);

@@ -16,8 +16,8 @@ class TREL_HTTP_CLIENT_EXPORT HttpClientCacheEntry
 public:
     HttpClientCacheEntry();
     // Computes the lifetime from "Expires" and "Cache-Control".
-    HttpClientCacheEntry(HttpClientStatus status, int code, const HttpClientHeaders& headers,
-                         const QByteArray& body);
+    HttpClientCacheEntry(
+        HttpClientStatus status, int code, const HttpClientHeaders& headers, const QByteArray& body);
 
     bool isFresh() const;
     // Whether a response with these headers may be stored at all. "Expires"
@@ -44,8 +44,8 @@ public:
     // The entry if present and fresh; a stale one is dropped here. The pointer is
     // valid only until the next call that changes the cache.
     const HttpClientCacheEntry* retrieve(const TrelUrl& url);
-    bool tryCache(const TrelUrl& url, HttpClientStatus status, int code,
-                  const HttpClientHeaders& headers, const QByteArray& body);
+    bool tryCache(const TrelUrl& url, HttpClientStatus status, int code, const HttpClientHeaders& headers,
+        const QByteArray& body);
     void setCacheSize(int size);
     void clear();
 

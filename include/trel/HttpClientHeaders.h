@@ -37,8 +37,8 @@ public:
     QString value(const QString& name, bool* exists) const;
     QHash<QString, QString> headers() const;
 
-    friend TREL_HTTP_CLIENT_EXPORT std::ostream& operator<<(std::ostream& out,
-                                                            const HttpClientHeaders& headers);
+    friend TREL_HTTP_CLIENT_EXPORT std::ostream& operator<<(
+        std::ostream& out, const HttpClientHeaders& headers);
 
 private:
     QHash<QString, Header> entries;

@@ -25,9 +25,9 @@ enum HttpClientStatus : std::int32_t
 // The one outcome record of a request.
 struct HttpClientResult
 {
-    TrelUrl url;            // the caller's URL, before any rewriting
+    TrelUrl url; // the caller's URL, before any rewriting
     HttpClientStatus status = HttpClientStatus::Error;
-    int code = -1;          // HTTP response code; -1 when no response was obtained
+    int code = -1; // HTTP response code; -1 when no response was obtained
     QByteArray body;
     HttpClientHeaders headers;
 };

@@ -56,11 +56,11 @@ public:
         std::int64_t sizeLimit = 0; // compared unsigned: negative means no limit
     };
 
-    HttpClientTransfer(int httpVersion, const TrelUrl& url, int method,
-                       const HttpClientOptions& options, Completion callback);
+    HttpClientTransfer(int httpVersion, const TrelUrl& url, int method, const HttpClientOptions& options,
+        Completion callback);
     // Adopts the easy handle of an HTTP/2 pushed stream, already part of `multi`.
-    HttpClientTransfer(int httpVersion, void* easy, void* multi, const HttpClientOptions& options,
-                       Completion callback);
+    HttpClientTransfer(
+        int httpVersion, void* easy, void* multi, const HttpClientOptions& options, Completion callback);
     ~HttpClientTransfer() override;
 
     HttpClientTransfer(const HttpClientTransfer&) = delete;
@@ -101,8 +101,8 @@ private:
     bool acceptsBody();
     void configure(int httpVersion);
     void installReceiveCallbacks();
-    void reportCompletion(HttpClientStatus status, long code, const QByteArray& body,
-                          const HttpClientHeaders& headers);
+    void reportCompletion(
+        HttpClientStatus status, long code, const QByteArray& body, const HttpClientHeaders& headers);
     long responseCode();
     HttpClientHeaders receivedHeaders(bool withEffectiveUrl);
     QSharedPointer<curl_mime> newMime();

@@ -14,8 +14,8 @@
 
 #include <QDeadlineTimer>
 #include <QDir>
-#include <QTimer>
 #include <QThread>
+#include <QTimer>
 
 #include <algorithm>
 #include <atomic>
@@ -89,7 +89,7 @@ protected:
         return requests.isEmpty() ? RecordedRequest() : requests.last();
     }
 
-    HttpClient client{nullptr, HttpClient::Http1, false};
+    HttpClient client { nullptr, HttpClient::Http1, false };
     Results results;
     HttpClientOptions options;
 };
@@ -100,12 +100,12 @@ protected:
 TEST_F(HttpClientRequest, EachMethodSendsItsRequestLine)
 {
     const std::vector<std::pair<QByteArray, std::function<void*()>>> calls = {
-        {"GET", [&] { return client.get(url("/m"), options, results.callback()); }},
-        {"HEAD", [&] { return client.head(url("/m"), options, results.callback()); }},
-        {"POST", [&] { return client.post(url("/m"), "b", options, results.callback()); }},
-        {"PUT", [&] { return client.put(url("/m"), "b", options, results.callback()); }},
-        {"DELETE", [&] { return client.delete_(url("/m"), "b", options, results.callback()); }},
-        {"PATCH", [&] { return client.patch(url("/m"), "b", options, results.callback()); }},
+        { "GET", [&] { return client.get(url("/m"), options, results.callback()); } },
+        { "HEAD", [&] { return client.head(url("/m"), options, results.callback()); } },
+        { "POST", [&] { return client.post(url("/m"), "b", options, results.callback()); } },
+        { "PUT", [&] { return client.put(url("/m"), "b", options, results.callback()); } },
+        { "DELETE", [&] { return client.delete_(url("/m"), "b", options, results.callback()); } },
+        { "PATCH", [&] { return client.patch(url("/m"), "b", options, results.callback()); } },
     };
     for (size_t i = 0; i < calls.size(); ++i) {
         server().clear();
@@ -114,7 +114,8 @@ TEST_F(HttpClientRequest, EachMethodSendsItsRequestLine)
         const RecordedRequest request = onlyRequest();
         EXPECT_EQ(request.method, calls[i].first);
         EXPECT_EQ(request.target, "/m");
-        EXPECT_TRUE(request.raw.startsWith(calls[i].first + " /m HTTP/1.1\r\n")) << request.raw.left(40).constData();
+        EXPECT_TRUE(request.raw.startsWith(calls[i].first + " /m HTTP/1.1\r\n"))
+            << request.raw.left(40).constData();
         EXPECT_EQ(results.received[i].status, HttpClientStatus::OK);
         EXPECT_EQ(results.received[i].code, 200);
         if (calls[i].first != "GET" && calls[i].first != "HEAD") {
@@ -135,7 +136,7 @@ TEST_F(HttpClientRequest, HeadCollectsHeaderLinesInTheBody)
 
 TEST_F(HttpClientRequest, ExtraHeadersAreSentAndCompressionIsAskedFor)
 {
-    options.setHeaders(HttpClientHeaders({{"X-Custom", "value 1"}, {"Accept", "text/plain"}}));
+    options.setHeaders(HttpClientHeaders({ { "X-Custom", "value 1" }, { "Accept", "text/plain" } }));
     client.get(url("/h"), options, results.callback());
     ASSERT_TRUE(results.waitFor(1));
     const RecordedRequest request = onlyRequest();
@@ -170,7 +171,7 @@ TEST_F(HttpClientRequest, ByteBodiesArriveByteExact)
         byte = static_cast<char>(random());
     }
     options.setReadSizeLimit(-1);
-    for (const QByteArray& body : {QByteArray(), QByteArray("\0binary\r\n", 9), big}) {
+    for (const QByteArray& body : { QByteArray(), QByteArray("\0binary\r\n", 9), big }) {
         server().clear();
         results.received.clear();
         client.post(url("/echo"), body, options, results.callback());
@@ -185,7 +186,8 @@ TEST_F(HttpClientRequest, ByteBodiesArriveByteExact)
 
 TEST_F(HttpClientRequest, FormArrivesAsMultipartWithFieldsInOrder)
 {
-    const QList<QPair<QString, QString>> fields = {{"first", "1"}, {"second", "zwei"}, {"third", "tr\u00e9s"}};
+    const QList<QPair<QString, QString>> fields
+        = { { "first", "1" }, { "second", "zwei" }, { "third", "tr\u00e9s" } };
     client.postForm(url("/echo"), fields, options, results.callback());
     ASSERT_TRUE(results.waitFor(1));
     const RecordedRequest request = onlyRequest();
@@ -200,7 +202,7 @@ TEST_F(HttpClientRequest, FormArrivesAsMultipartWithFieldsInOrder)
 TEST_F(HttpClientRequest, FileArrivesAsOnePartNamedFilenameAndIsRemovedAfterwards)
 {
     const QByteArray content("file content \x01\x02 with bytes", 27);
-    const QStringList before = QDir::temp().entryList({"trel-http-fetcher.*"}, QDir::Files);
+    const QStringList before = QDir::temp().entryList({ "trel-http-fetcher.*" }, QDir::Files);
     client.postFile(url("/echo"), content, options, results.callback());
     ASSERT_TRUE(results.waitFor(1));
     const RecordedRequest request = onlyRequest();
@@ -209,7 +211,7 @@ TEST_F(HttpClientRequest, FileArrivesAsOnePartNamedFilenameAndIsRemovedAfterward
     EXPECT_EQ(request.parts[0].contentType, "application/octet-stream");
     EXPECT_TRUE(request.parts[0].filename.startsWith("trel-http-fetcher."));
     EXPECT_EQ(request.parts[0].data, content);
-    EXPECT_EQ(QDir::temp().entryList({"trel-http-fetcher.*"}, QDir::Files), before);
+    EXPECT_EQ(QDir::temp().entryList({ "trel-http-fetcher.*" }, QDir::Files), before);
 }
 
 TEST_F(HttpClientRequest, StreamedBodyArrivesWholeInPushOrderAndTheConnectionIsReusable)
@@ -299,7 +301,7 @@ TEST_F(HttpClientRequest, RedirectsAreFollowedToTheLimitAndTheEffectiveUrlIsName
     EXPECT_EQ(results.received[0].code, 200);
     EXPECT_EQ(results.received[0].body, "done");
     EXPECT_EQ(results.received[0].headers.value("X-TrelEfectiveUrl", QString()),
-              QString::fromLatin1(server().url("/redirect/0")));
+        QString::fromLatin1(server().url("/redirect/0")));
     EXPECT_EQ(results.received[0].url, url("/redirect/3")); // the caller's own URL
 
     options.setMaxRedirects(2);
@@ -316,7 +318,7 @@ TEST_F(HttpClientRequest, RedirectsAreFollowedToTheLimitAndTheEffectiveUrlIsName
 
 TEST_F(HttpClientRequest, PostRedirectFlagsKeepPostAfter301302303)
 {
-    for (const int status : {301, 302, 303}) {
+    for (const int status : { 301, 302, 303 }) {
         server().clear();
         server().setHandler([status](const RecordedRequest& request) {
             if (request.target == "/moved") {
@@ -442,8 +444,8 @@ TEST_F(HttpClientRequest, WrongSlotNameLosesThatResultAndNothingElse)
     ResultReceiver receiver;
     client.get(url("/a"), &receiver, "noSuchSlot", options);
     client.get(url("/b"), &receiver, "SLOT(onResult)", options);
-    client.get(url("/c"), &receiver, "onResult(TrelUrl,HttpClientPrivate,int,int,QByteArray,HttpClientHeaders)",
-               options);
+    client.get(url("/c"), &receiver,
+        "onResult(TrelUrl,HttpClientPrivate,int,int,QByteArray,HttpClientHeaders)", options);
     client.get(url("/d"), &receiver, "onResult", options);
     ASSERT_TRUE(waitFor([&] { return receiver.count() == 1; }));
     ASSERT_TRUE(waitForServer(4));
@@ -561,7 +563,12 @@ TEST_F(HttpClientRequest, FreshCachedGetIsAnsweredWithoutATransferAfterTheCallRe
     ASSERT_TRUE(results.waitFor(1));
     bool delivered = false;
     HttpClientResult hit;
-    EXPECT_EQ(client.get(url("/c"), options, [&](const HttpClientResult& r) { hit = r; delivered = true; }), nullptr);
+    EXPECT_EQ(client.get(url("/c"), options,
+                  [&](const HttpClientResult& r) {
+                      hit = r;
+                      delivered = true;
+                  }),
+        nullptr);
     EXPECT_FALSE(delivered);
     ASSERT_TRUE(waitFor([&] { return delivered; }));
     EXPECT_EQ(hit.body, "cached body");
@@ -687,7 +694,12 @@ TEST_F(HttpClientRequest, ExactlyOneResultPerStartedRequestUnderLoadWithRandomCa
     // A third of the requests are picked for cancelling, each at one of three
     // moments: at once (before it connects), a few turns of the event loop
     // later (connecting or mid-body), or after its result (cancel refuses).
-    enum class Moment { Immediately, Later, AfterResult };
+    enum class Moment
+    {
+        Immediately,
+        Later,
+        AfterResult
+    };
     std::vector<std::pair<int, Moment>> planned; // request index, moment
     std::map<int, int> turnsLeft;
     auto planCancel = [&](int index) {
@@ -695,7 +707,7 @@ TEST_F(HttpClientRequest, ExactlyOneResultPerStartedRequestUnderLoadWithRandomCa
             return;
         }
         const auto moment = static_cast<Moment>(random() % 3);
-        planned.push_back({index, moment});
+        planned.push_back({ index, moment });
         turnsLeft[index] = static_cast<int>(random() % 6);
     };
     auto cancelByIndex = [&](int index) {
@@ -717,12 +729,13 @@ TEST_F(HttpClientRequest, ExactlyOneResultPerStartedRequestUnderLoadWithRandomCa
     auto runPlannedCancels = [&] {
         std::vector<std::pair<int, Moment>> keep;
         for (const auto& [index, moment] : planned) {
-            const bool due = moment == Moment::Immediately || (moment == Moment::Later && turnsLeft[index]-- <= 0)
+            const bool due = moment == Moment::Immediately
+                || (moment == Moment::Later && turnsLeft[index]-- <= 0)
                 || (moment == Moment::AfterResult && delivered[index]);
             if (due) {
                 cancelByIndex(index);
             } else {
-                keep.push_back({index, moment});
+                keep.push_back({ index, moment });
             }
         }
         planned.swap(keep);
@@ -733,7 +746,7 @@ TEST_F(HttpClientRequest, ExactlyOneResultPerStartedRequestUnderLoadWithRandomCa
     while (static_cast<int>(ids.size()) < kTotal - kLiveAtTeardown) {
         ASSERT_FALSE(deadline.hasExpired()) << "stuck at " << receiver.count() << " results";
         while (static_cast<int>(ids.size()) < kTotal - kLiveAtTeardown
-               && static_cast<int>(ids.size()) - receiver.count() < kConcurrent) {
+            && static_cast<int>(ids.size()) - receiver.count() < kConcurrent) {
             issue();
             planCancel(static_cast<int>(ids.size()) - 1);
         }
@@ -776,7 +789,8 @@ TEST_F(HttpClientRequest, RefusedRequestReturnsNullAndDeliversNothing)
     const QByteArray previous = qgetenv("TMPDIR");
     qputenv("TMPDIR", "/proc"); // no temporary file can be made there, even as root
     bool delivered = false;
-    void* const id = client.postFile(url("/echo"), "data", options, [&](const HttpClientResult&) { delivered = true; });
+    void* const id
+        = client.postFile(url("/echo"), "data", options, [&](const HttpClientResult&) { delivered = true; });
     previous.isEmpty() ? qunsetenv("TMPDIR") : qputenv("TMPDIR", previous);
     EXPECT_EQ(id, nullptr);
     trel::test::spinEventLoop(100);
@@ -787,7 +801,7 @@ TEST_F(HttpClientRequest, RefusedRequestReturnsNullAndDeliversNothing)
 TEST_F(HttpClientRequest, NothingIsLeftAfterAClientWithHundredsOfRequestsIsDestroyed)
 {
     const int fdsBefore = trel::test::openFileDescriptors();
-    const QStringList tempBefore = QDir::temp().entryList({"trel-http-fetcher.*"}, QDir::Files);
+    const QStringList tempBefore = QDir::temp().entryList({ "trel-http-fetcher.*" }, QDir::Files);
     {
         HttpClient doomed;
         Results done;
@@ -808,7 +822,7 @@ TEST_F(HttpClientRequest, NothingIsLeftAfterAClientWithHundredsOfRequestsIsDestr
     }
     trel::test::spinEventLoop(50);
     EXPECT_EQ(trel::test::openFileDescriptors(), fdsBefore);
-    EXPECT_EQ(QDir::temp().entryList({"trel-http-fetcher.*"}, QDir::Files), tempBefore);
+    EXPECT_EQ(QDir::temp().entryList({ "trel-http-fetcher.*" }, QDir::Files), tempBefore);
 }
 
 } // namespace

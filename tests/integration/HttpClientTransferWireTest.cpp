@@ -31,13 +31,13 @@ class TransferOnTheWire : public ::testing::Test
 protected:
     void SetUp() override { ASSERT_TRUE(server.start()); }
 
-    QSharedPointer<HttpClientTransfer> transfer(int method, const QByteArray& path,
-                                                const HttpClientOptions& options = {})
+    QSharedPointer<HttpClientTransfer> transfer(
+        int method, const QByteArray& path, const HttpClientOptions& options = {})
     {
-        return QSharedPointer<HttpClientTransfer>::create(
-            HttpClient::Http1, TrelUrl::fromEncoded(server.url(path)), method, options,
+        return QSharedPointer<HttpClientTransfer>::create(HttpClient::Http1,
+            TrelUrl::fromEncoded(server.url(path)), method, options,
             [this](HttpClientStatus status, long code, QByteArray body, HttpClientHeaders headers) {
-                outcomes.push_back({status, code, body, headers});
+                outcomes.push_back({ status, code, body, headers });
             });
     }
 
@@ -54,7 +54,8 @@ TEST_F(TransferOnTheWire, SuccessCarriesCodeBodyHeadersAndTheEffectiveUrl)
     EXPECT_EQ(outcomes[0].status, HttpClientStatus::OK);
     EXPECT_EQ(outcomes[0].code, 200);
     EXPECT_EQ(outcomes[0].body, "done");
-    EXPECT_EQ(outcomes[0].headers.value("X-TrelEfectiveUrl", QString()), QString::fromLatin1(server.url("/redirect/0")));
+    EXPECT_EQ(outcomes[0].headers.value("X-TrelEfectiveUrl", QString()),
+        QString::fromLatin1(server.url("/redirect/0")));
     // Headers of every response in the chain, the last one winning.
     EXPECT_EQ(outcomes[0].headers.value("Location", QString()), "/redirect/0");
     EXPECT_EQ(server.requestCount(), 3);
@@ -82,13 +83,13 @@ TEST_F(TransferOnTheWire, BodyOverTheLimitEndsWithAWriteErrorAndTheBytesUpToIt)
     EXPECT_EQ(outcomes[0].status, HttpClientStatus::Error);
     EXPECT_EQ(outcomes[0].body.size(), 100);
     EXPECT_EQ(capture.messages(log4cplus::ERROR_LOG_LEVEL),
-              std::vector<std::string>{"CURL data: not enough space in buffer, trimmed by 50 bytes!"});
+        std::vector<std::string> { "CURL data: not enough space in buffer, trimmed by 50 bytes!" });
 }
 
 TEST_F(TransferOnTheWire, TruncatedResetAndClosedResponsesAreErrors)
 {
-    for (const auto fault : {ScriptedResponse::Fault::Truncate, ScriptedResponse::Fault::ResetConnection,
-                             ScriptedResponse::Fault::CloseWithoutResponse}) {
+    for (const auto fault : { ScriptedResponse::Fault::Truncate, ScriptedResponse::Fault::ResetConnection,
+             ScriptedResponse::Fault::CloseWithoutResponse }) {
         outcomes.clear();
         server.setHandler([fault](const RecordedRequest&) {
             ScriptedResponse response = ScriptedResponse::ok(QByteArray(1000, 'x'));
@@ -132,8 +133,8 @@ TEST_F(TransferOnTheWire, ImmediateReadHandsOverPiecesAndTheFinalCarriesTheRest)
 
 TEST_F(TransferOnTheWire, PutDeleteAndPatchSendTheirVerbWithTheBody)
 {
-    for (const auto& [method, verb] : std::vector<std::pair<int, QByteArray>>{
-             {HttpClient::Put, "PUT"}, {HttpClient::Delete, "DELETE"}, {HttpClient::Patch, "PATCH"}}) {
+    for (const auto& [method, verb] : std::vector<std::pair<int, QByteArray>> {
+             { HttpClient::Put, "PUT" }, { HttpClient::Delete, "DELETE" }, { HttpClient::Patch, "PATCH" } }) {
         server.clear();
         auto request = transfer(method, "/echo");
         ASSERT_TRUE(request->setDataToUpload(QByteArray("payload-" + verb)));
@@ -148,7 +149,8 @@ TEST_F(TransferOnTheWire, PutDeleteAndPatchSendTheirVerbWithTheBody)
 TEST_F(TransferOnTheWire, FormValueIsCutAtANulCharacter)
 {
     auto request = transfer(HttpClient::Post, "/echo");
-    ASSERT_TRUE(request->setDataToUpload(QList<QPair<QString, QString>>{{"k", QString::fromUtf8("ab\0cd", 5)}}));
+    ASSERT_TRUE(
+        request->setDataToUpload(QList<QPair<QString, QString>> { { "k", QString::fromUtf8("ab\0cd", 5) } }));
     driver.start(request);
     ASSERT_TRUE(driver.run());
     ASSERT_EQ(server.requests()[0].parts.size(), 1);

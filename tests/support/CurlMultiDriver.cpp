@@ -6,8 +6,7 @@ namespace trel::test {
 
 CurlMultiDriver::CurlMultiDriver()
     : handle(curl_multi_init())
-{
-}
+{ }
 
 CurlMultiDriver::~CurlMultiDriver()
 {

@@ -40,9 +40,9 @@ bool isStringOption(int option)
 }
 
 void record(std::map<std::pair<const void*, int>, Recorded>& table, const void* handle, int option,
-            std::intptr_t value, const char* text)
+    std::intptr_t value, const char* text)
 {
-    Recorded& entry = table[{handle, option}];
+    Recorded& entry = table[{ handle, option }];
     entry.value = value;
     entry.text = text ? text : "";
     ++entry.timesSet;
@@ -53,7 +53,7 @@ void record(std::map<std::pair<const void*, int>, Recorded>& table, const void* 
 std::optional<Recorded> easy(const void* handle, CURLoption option)
 {
     std::lock_guard<std::mutex> lock(store().mutex);
-    const auto it = store().easyOptions.find({handle, option});
+    const auto it = store().easyOptions.find({ handle, option });
     if (it == store().easyOptions.end()) {
         return std::nullopt;
     }
@@ -63,7 +63,7 @@ std::optional<Recorded> easy(const void* handle, CURLoption option)
 std::optional<Recorded> multi(const void* handle, CURLMoption option)
 {
     std::lock_guard<std::mutex> lock(store().mutex);
-    const auto it = store().multiOptions.find({handle, option});
+    const auto it = store().multiOptions.find({ handle, option });
     if (it == store().multiOptions.end()) {
         return std::nullopt;
     }
@@ -93,8 +93,7 @@ using EasySetopt = CURLcode (*)(CURL*, CURLoption, ...);
 using EasyCleanup = void (*)(CURL*);
 using MultiSetopt = CURLMcode (*)(CURLM*, CURLMoption, ...);
 
-template <typename Function>
-Function nextSymbol(const char* name)
+template <typename Function> Function nextSymbol(const char* name)
 {
     return reinterpret_cast<Function>(dlsym(RTLD_NEXT, name));
 }
@@ -104,7 +103,8 @@ Function nextSymbol(const char* name)
 // Every option type is passed as one machine word (long, pointer, function
 // pointer, curl_off_t on 64-bit), so one word is read and forwarded.
 // Default visibility: the library must bind to these definitions, not libcurl's.
-extern "C" __attribute__((visibility("default"))) CURLcode curl_easy_setopt(CURL* handle, CURLoption option, ...)
+extern "C" __attribute__((visibility("default"))) CURLcode curl_easy_setopt(
+    CURL* handle, CURLoption option, ...)
 {
     va_list args;
     va_start(args, option);
@@ -138,7 +138,8 @@ extern "C" __attribute__((visibility("default"))) void curl_easy_cleanup(CURL* h
     real(handle);
 }
 
-extern "C" __attribute__((visibility("default"))) CURLMcode curl_multi_setopt(CURLM* handle, CURLMoption option, ...)
+extern "C" __attribute__((visibility("default"))) CURLMcode curl_multi_setopt(
+    CURLM* handle, CURLMoption option, ...)
 {
     va_list args;
     va_start(args, option);

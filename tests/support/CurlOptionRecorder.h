@@ -16,8 +16,8 @@ namespace trel::test::curlOptions {
 
 struct Recorded
 {
-    std::intptr_t value = 0;   // long options, or a pointer's address
-    std::string text;          // string options (CURLOPT_URL, CURLOPT_CUSTOMREQUEST, ...)
+    std::intptr_t value = 0; // long options, or a pointer's address
+    std::string text; // string options (CURLOPT_URL, CURLOPT_CUSTOMREQUEST, ...)
     int timesSet = 0;
 };
 

@@ -23,7 +23,7 @@ namespace trel::test {
 quint16 freeLoopbackPort()
 {
     const int fd = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    sockaddr_in address{};
+    sockaddr_in address {};
     address.sin_family = AF_INET;
     address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
     socklen_t length = sizeof(address);
@@ -41,7 +41,7 @@ bool waitUntilListening(quint16 port, int timeoutMs)
     const QDeadlineTimer deadline(timeoutMs);
     while (!deadline.hasExpired()) {
         const int fd = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-        sockaddr_in address{};
+        sockaddr_in address {};
         address.sin_family = AF_INET;
         address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
         address.sin_port = htons(port);
@@ -59,7 +59,7 @@ bool waitUntilListening(quint16 port, int timeoutMs)
 
 bool ChildProcess::start(const QString& program, const QStringList& arguments, const QString& logPath)
 {
-    std::vector<QByteArray> storage{program.toLocal8Bit()};
+    std::vector<QByteArray> storage { program.toLocal8Bit() };
     for (const QString& argument : arguments) {
         storage.push_back(argument.toLocal8Bit());
     }
@@ -125,9 +125,9 @@ bool TestCertificate::create(const QString& directory, TestCertificate& out)
     QProcess openssl;
     openssl.setProcessChannelMode(QProcess::MergedChannels);
     openssl.start(QStringLiteral("openssl"),
-                  {"req", "-x509", "-newkey", "rsa:2048", "-nodes", "-days", "2", "-subj", "/CN=localhost",
-                   "-addext", "subjectAltName=DNS:localhost,IP:127.0.0.1", "-keyout", out.keyPath, "-out",
-                   out.certificatePath});
+        { "req", "-x509", "-newkey", "rsa:2048", "-nodes", "-days", "2", "-subj", "/CN=localhost", "-addext",
+            "subjectAltName=DNS:localhost,IP:127.0.0.1", "-keyout", out.keyPath, "-out",
+            out.certificatePath });
     return openssl.waitForFinished(30000) && openssl.exitCode() == 0 && QFile::exists(out.certificatePath);
 }
 
@@ -183,45 +183,47 @@ bool NginxServer::writeConfig(const Options& options)
                          "proxy_request_buffering on; proxy_set_header Connection \"\"; }\n")
               .arg(options.backendPort)
         : QString();
-    const QString locations =
-        QStringLiteral("root %1/html;\n"
-                       "location /files/ { }\n"
-                       "location /cache/ { alias %1/html/files/; add_header Cache-Control \"max-age=60\"; }\n"
-                       "location = /upload { client_max_body_size 0; return 200 \"uploaded\\n\"; }\n")
-            .arg(dir)
+    const QString locations
+        = QStringLiteral(
+              "root %1/html;\n"
+              "location /files/ { }\n"
+              "location /cache/ { alias %1/html/files/; add_header Cache-Control \"max-age=60\"; }\n"
+              "location = /upload { client_max_body_size 0; return 200 \"uploaded\\n\"; }\n")
+              .arg(dir)
         + echo;
-    const QString config =
-        QStringLiteral("%1"
-                       "worker_processes %2;\n"
-                       "daemon off;\n"
-                       "pid %3/nginx.pid;\n"
-                       "error_log %3/error.log warn;\n"
-                       "events { worker_connections 4096; }\n"
-                       "http {\n"
-                       "    log_format trel '$connection $connection_requests $request_method $request_uri $status "
-                       "$request_length $body_bytes_sent';\n"
-                       "    access_log %6;\n"
-                       "    client_body_temp_path %3/client_body;\n"
-                       "    proxy_temp_path %3/proxy;\n"
-                       "    fastcgi_temp_path %3/fastcgi;\n"
-                       "    uwsgi_temp_path %3/uwsgi;\n"
-                       "    scgi_temp_path %3/scgi;\n"
-                       "    keepalive_requests 100000;\n"
-                       "    keepalive_timeout 60s;\n"
-                       "    client_max_body_size 200m;\n"
-                       "    default_type application/octet-stream;\n"
-                       "    server {\n"
-                       "        listen 127.0.0.1:%4;\n"
-                       "        include %3/locations.conf;\n"
-                       "    }\n"
-                       "%5"
-                       "}\n")
-            .arg(::geteuid() == 0 ? QStringLiteral("user root;\n") : QString())
-            .arg(options.workers)
-            .arg(dir)
-            .arg(plainPort)
-            .arg(tls)
-            .arg(options.accessLog ? dir + QStringLiteral("/access.log trel") : QStringLiteral("off"));
+    const QString config
+        = QStringLiteral(
+            "%1"
+            "worker_processes %2;\n"
+            "daemon off;\n"
+            "pid %3/nginx.pid;\n"
+            "error_log %3/error.log warn;\n"
+            "events { worker_connections 4096; }\n"
+            "http {\n"
+            "    log_format trel '$connection $connection_requests $request_method $request_uri $status "
+            "$request_length $body_bytes_sent';\n"
+            "    access_log %6;\n"
+            "    client_body_temp_path %3/client_body;\n"
+            "    proxy_temp_path %3/proxy;\n"
+            "    fastcgi_temp_path %3/fastcgi;\n"
+            "    uwsgi_temp_path %3/uwsgi;\n"
+            "    scgi_temp_path %3/scgi;\n"
+            "    keepalive_requests 100000;\n"
+            "    keepalive_timeout 60s;\n"
+            "    client_max_body_size 200m;\n"
+            "    default_type application/octet-stream;\n"
+            "    server {\n"
+            "        listen 127.0.0.1:%4;\n"
+            "        include %3/locations.conf;\n"
+            "    }\n"
+            "%5"
+            "}\n")
+              .arg(::geteuid() == 0 ? QStringLiteral("user root;\n") : QString())
+              .arg(options.workers)
+              .arg(dir)
+              .arg(plainPort)
+              .arg(tls)
+              .arg(options.accessLog ? dir + QStringLiteral("/access.log trel") : QStringLiteral("off"));
     return writeFileAt(dir + QStringLiteral("/locations.conf"), locations.toUtf8())
         && writeFileAt(dir + QStringLiteral("/nginx.conf"), config.toUtf8());
 }
@@ -246,11 +248,12 @@ bool NginxServer::start(const Options& options)
         }
         const QString dir = prefix->path();
         if (!process.start(QStringLiteral("/usr/sbin/nginx"),
-                           {"-p", dir, "-c", dir + "/nginx.conf", "-e", dir + "/error.log"}, dir + "/output.log")) {
+                { "-p", dir, "-c", dir + "/nginx.conf", "-e", dir + "/error.log" }, dir + "/output.log")) {
             lastError = QStringLiteral("could not start /usr/sbin/nginx");
             return false;
         }
-        const bool up = waitUntilListening(plainPort, 10000) && (!securePort || waitUntilListening(securePort, 10000));
+        const bool up
+            = waitUntilListening(plainPort, 10000) && (!securePort || waitUntilListening(securePort, 10000));
         if (up && process.running()) {
             return true;
         }
@@ -321,7 +324,7 @@ bool NghttpdServer::start(const Options& options)
         writeFile(QStringLiteral("index.html"), "hello h2");
         writeFile(QStringLiteral("style.css"), "body{}");
         writeFile(QStringLiteral("1k"), patternBytes(1024));
-        QStringList arguments{QStringLiteral("--address=127.0.0.1"), QStringLiteral("--htdocs=") + root()};
+        QStringList arguments { QStringLiteral("--address=127.0.0.1"), QStringLiteral("--htdocs=") + root() };
         if (options.echoUpload) {
             arguments << QStringLiteral("--echo-upload");
         }

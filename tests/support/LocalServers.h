@@ -53,7 +53,7 @@ public:
     struct Options
     {
         quint16 backendPort = 0; // when set, /echo is proxied to 127.0.0.1:backendPort
-        bool http2Tls = false;   // also listen with TLS and HTTP/2 on tlsPort()
+        bool http2Tls = false; // also listen with TLS and HTTP/2 on tlsPort()
         int workers = 1;
         bool accessLog = true; // benchmarks turn it off
     };
@@ -68,9 +68,9 @@ public:
 
     quint16 port() const { return plainPort; }
     quint16 tlsPort() const { return securePort; }
-    QByteArray url(const QByteArray& path) const;    // http://127.0.0.1:<port><path>
+    QByteArray url(const QByteArray& path) const; // http://127.0.0.1:<port><path>
     QByteArray tlsUrl(const QByteArray& path) const; // https://localhost:<tlsPort><path>
-    QString root() const;                            // served under /files/ and /cache/
+    QString root() const; // served under /files/ and /cache/
     void writeFile(const QString& relativePath, const QByteArray& content);
 
     QString accessLog() const;

@@ -12,7 +12,7 @@ public:
     Appender() { setName(LOG4CPLUS_TEXT("trel-test-capture")); }
     ~Appender() override { destructorImpl(); }
 
-    void close() override {}
+    void close() override { }
 
     std::vector<LogRecord> snapshot() const
     {
@@ -89,8 +89,8 @@ std::vector<std::string> LogCapture::messages(log4cplus::LogLevel level) const
 int LogCapture::count(const std::string& message) const
 {
     const auto all = records();
-    return static_cast<int>(std::count_if(all.begin(), all.end(),
-                                          [&](const LogRecord& r) { return r.message == message; }));
+    return static_cast<int>(
+        std::count_if(all.begin(), all.end(), [&](const LogRecord& r) { return r.message == message; }));
 }
 
 int LogCapture::countPrefix(log4cplus::LogLevel level, const std::string& prefix) const
@@ -104,9 +104,8 @@ int LogCapture::countPrefix(log4cplus::LogLevel level, const std::string& prefix
 bool LogCapture::contains(log4cplus::LogLevel level, const std::string& message) const
 {
     const auto all = records();
-    return std::any_of(all.begin(), all.end(), [&](const LogRecord& r) {
-        return r.level == level && r.message == message;
-    });
+    return std::any_of(
+        all.begin(), all.end(), [&](const LogRecord& r) { return r.level == level && r.message == message; });
 }
 
 void LogCapture::clear()

@@ -35,7 +35,7 @@ void setNonBlocking(int fd)
 
 QByteArray gzip(const QByteArray& data)
 {
-    z_stream stream{};
+    z_stream stream {};
     deflateInit2(&stream, Z_BEST_COMPRESSION, Z_DEFLATED, 15 + 16, 8, Z_DEFAULT_STRATEGY);
     QByteArray out(static_cast<int>(deflateBound(&stream, static_cast<uLong>(data.size()))) + 32, '\0');
     stream.next_in = reinterpret_cast<Bytef*>(const_cast<char*>(data.constData()));
@@ -182,8 +182,7 @@ struct LoopbackServer::Connection
 
 LoopbackServer::LoopbackServer()
     : handler(&LoopbackServer::defaultRoutes)
-{
-}
+{ }
 
 LoopbackServer::~LoopbackServer()
 {
@@ -198,7 +197,7 @@ bool LoopbackServer::start()
     listenFd = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
     const int yes = 1;
     ::setsockopt(listenFd, SOL_SOCKET, SO_REUSEADDR, &yes, sizeof(yes));
-    sockaddr_in address{};
+    sockaddr_in address {};
     address.sin_family = AF_INET;
     address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
     address.sin_port = 0;
@@ -276,7 +275,8 @@ int LoopbackServer::connectionCount() const
 bool LoopbackServer::waitForRequests(int count, int timeoutMs) const
 {
     std::unique_lock<std::mutex> lock(mutex);
-    return recorded.wait_for(lock, std::chrono::milliseconds(timeoutMs), [&] { return received.size() >= count; });
+    return recorded.wait_for(
+        lock, std::chrono::milliseconds(timeoutMs), [&] { return received.size() >= count; });
 }
 
 void LoopbackServer::clear()
@@ -301,19 +301,20 @@ void LoopbackServer::run()
 {
     std::map<int, std::unique_ptr<Connection>> connections;
     while (running) {
-        std::vector<pollfd> fds{{wakeFds[0], POLLIN, 0}, {listenFd, POLLIN, 0}};
+        std::vector<pollfd> fds { { wakeFds[0], POLLIN, 0 }, { listenFd, POLLIN, 0 } };
         qint64 nextSend = -1;
         for (const auto& [fd, connection] : connections) {
             short events = POLLIN;
             if (!connection->out.isEmpty()) {
                 events |= POLLOUT;
             }
-            fds.push_back({fd, events, 0});
+            fds.push_back({ fd, events, 0 });
             if (connection->delayed && (nextSend < 0 || connection->sendAt < nextSend)) {
                 nextSend = connection->sendAt;
             }
         }
-        const int timeout = nextSend < 0 ? 1000 : static_cast<int>(std::max<qint64>(0, nextSend - monotonicMs()));
+        const int timeout
+            = nextSend < 0 ? 1000 : static_cast<int>(std::max<qint64>(0, nextSend - monotonicMs()));
         ::poll(fds.data(), fds.size(), timeout);
         if (!running) {
             break;
@@ -384,8 +385,8 @@ bool LoopbackServer::serviceRead(Connection& connection)
 bool LoopbackServer::serviceWrite(Connection& connection)
 {
     while (!connection.out.isEmpty()) {
-        const ssize_t sent = ::send(connection.fd, connection.out.constData(), static_cast<size_t>(connection.out.size()),
-                                    MSG_NOSIGNAL);
+        const ssize_t sent = ::send(connection.fd, connection.out.constData(),
+            static_cast<size_t>(connection.out.size()), MSG_NOSIGNAL);
         if (sent > 0) {
             connection.out.remove(0, static_cast<int>(sent));
             continue;
@@ -503,7 +504,7 @@ void LoopbackServer::respond(Connection& connection, const RecordedRequest& requ
         return;
     case Fault::ResetConnection: {
         // Closing with a zero linger time sends a reset instead of a FIN.
-        const linger abortive{1, 0};
+        const linger abortive { 1, 0 };
         ::setsockopt(connection.fd, SOL_SOCKET, SO_LINGER, &abortive, sizeof(abortive));
         connection.closeNow = true;
         return;

@@ -28,15 +28,15 @@ struct RecordedPart
 
 struct RecordedRequest
 {
-    QByteArray raw;     // request line, headers and body exactly as received (chunk framing included)
-    QByteArray method;  // "POST"
-    QByteArray target;  // "/echo?a=1"
+    QByteArray raw; // request line, headers and body exactly as received (chunk framing included)
+    QByteArray method; // "POST"
+    QByteArray target; // "/echo?a=1"
     QByteArray version; // "HTTP/1.1"
     QList<QPair<QByteArray, QByteArray>> headers; // in order, names as sent
-    QByteArray body;    // the entity, chunk framing removed
+    QByteArray body; // the entity, chunk framing removed
     bool chunked = false;
     QList<RecordedPart> parts; // for multipart/form-data bodies
-    int connectionId = 0;      // 1, 2, 3... per accepted connection
+    int connectionId = 0; // 1, 2, 3... per accepted connection
 
     // Case-insensitive; the last one wins; empty when absent.
     QByteArray header(const QByteArray& name) const;
@@ -49,16 +49,16 @@ struct ScriptedResponse
     {
         None,
         CloseWithoutResponse, // close the connection instead of answering
-        ResetConnection,      // abortive close: the client sees a reset
-        Truncate,             // announce the whole body, send `truncateAt` bytes, close
-        Stall,                // never answer; keep the connection open
+        ResetConnection, // abortive close: the client sees a reset
+        Truncate, // announce the whole body, send `truncateAt` bytes, close
+        Stall, // never answer; keep the connection open
     };
 
     int status = 200;
     QByteArray reason = "OK";
     QList<QPair<QByteArray, QByteArray>> headers; // sent as given
     QByteArray body;
-    int delayMs = 0;      // before anything is sent; other connections are served meanwhile
+    int delayMs = 0; // before anything is sent; other connections are served meanwhile
     bool chunked = false; // Transfer-Encoding: chunked, in pieces of `chunkSize`
     int chunkSize = 1024;
     Fault fault = Fault::None;
@@ -116,10 +116,10 @@ private:
     Handler currentHandler() const;
 
     int listenFd = -1;
-    int wakeFds[2] = {-1, -1};
+    int wakeFds[2] = { -1, -1 };
     quint16 boundPort = 0;
     std::thread thread;
-    std::atomic<bool> running{false}; // read by the server thread, cleared by stop()
+    std::atomic<bool> running { false }; // read by the server thread, cleared by stop()
 
     mutable std::mutex mutex;
     mutable std::condition_variable recorded;

@@ -33,8 +33,7 @@ class ResultReceiver : public QObject
 public:
     explicit ResultReceiver(QObject* parent = nullptr)
         : QObject(parent)
-    {
-    }
+    { }
 
     std::vector<ReceivedResult> results() const
     {
@@ -53,9 +52,9 @@ public:
 
 public slots:
     void onResult(const TrelUrl& url, const HttpClientPrivate& context, int status, int code,
-                  const QByteArray& body, const HttpClientHeaders& headers)
+        const QByteArray& body, const HttpClientHeaders& headers)
     {
-        const ReceivedResult result{url, context, status, code, body, headers, QThread::currentThread()};
+        const ReceivedResult result { url, context, status, code, body, headers, QThread::currentThread() };
         {
             QMutexLocker locker(&mutex);
             received.push_back(result);

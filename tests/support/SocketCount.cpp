@@ -28,14 +28,16 @@ QSet<QString> ownSocketInodes()
 
 int openFileDescriptors()
 {
-    return QDir(QStringLiteral("/proc/self/fd")).entryList(QDir::NoDotAndDotDot | QDir::AllEntries | QDir::System).size();
+    return QDir(QStringLiteral("/proc/self/fd"))
+        .entryList(QDir::NoDotAndDotDot | QDir::AllEntries | QDir::System)
+        .size();
 }
 
 int establishedConnectionsTo(unsigned short port)
 {
     const QSet<QString> inodes = ownSocketInodes();
     int count = 0;
-    for (const char* table : {"/proc/net/tcp", "/proc/net/tcp6"}) {
+    for (const char* table : { "/proc/net/tcp", "/proc/net/tcp6" }) {
         QFile file(QString::fromLatin1(table));
         if (!file.open(QIODevice::ReadOnly)) {
             continue;

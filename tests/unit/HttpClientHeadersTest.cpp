@@ -96,7 +96,7 @@ TEST(HttpClientHeaders, ContinuationLinesAreOrdinaryLines)
 
 TEST(HttpClientHeaders, AbsentNameGivesNullWithFlagOrTheDefault)
 {
-    const HttpClientHeaders headers({{"A", "1"}});
+    const HttpClientHeaders headers({ { "A", "1" } });
     bool exists = true;
     const QString missing = headers.value("B", &exists);
     EXPECT_FALSE(exists);
@@ -106,7 +106,7 @@ TEST(HttpClientHeaders, AbsentNameGivesNullWithFlagOrTheDefault)
 
 TEST(HttpClientHeaders, InitializerListLaterPairWinsOnCaseOnlyDifference)
 {
-    const HttpClientHeaders headers({{"Accept", "a"}, {"ACCEPT", "b"}});
+    const HttpClientHeaders headers({ { "Accept", "a" }, { "ACCEPT", "b" } });
     const auto all = headers.headers();
     ASSERT_EQ(all.size(), 1);
     EXPECT_EQ(all.value("ACCEPT"), "b");
@@ -128,7 +128,7 @@ TEST(HttpClientHeaders, StreamingEmptyWritesNothing)
 
 TEST(HttpClientHeaders, StreamingWritesNameColonValueSeparatedByComma)
 {
-    const HttpClientHeaders headers({{"A", "1"}, {"B", "2"}});
+    const HttpClientHeaders headers({ { "A", "1" }, { "B", "2" } });
     const std::string text = streamed(headers);
     EXPECT_TRUE(text == "A: 1, B: 2" || text == "B: 2, A: 1") << text;
 }
@@ -136,8 +136,8 @@ TEST(HttpClientHeaders, StreamingWritesNameColonValueSeparatedByComma)
 TEST(HttpClientHeadersDeathTest, NullFlagPointerIsAContractViolationNamedExists)
 {
     const HttpClientHeaders headers;
-    EXPECT_DEATH(headers.value("A", static_cast<bool*>(nullptr)),
-                 "exists.*src/lib/httpClient/HttpClientHeaders");
+    EXPECT_DEATH(
+        headers.value("A", static_cast<bool*>(nullptr)), "exists.*src/lib/httpClient/HttpClientHeaders");
 }
 
 } // namespace

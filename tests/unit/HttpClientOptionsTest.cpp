@@ -50,8 +50,7 @@ TEST(HttpClientOptions, ReplacingTheContextReleasesTheOldPayload)
     {
         explicit Counted(int* destroyed)
             : destroyed(destroyed)
-        {
-        }
+        { }
         ~Counted() override { ++*destroyed; }
         int* destroyed;
     };
@@ -88,8 +87,8 @@ TEST(HttpClientOptions, SettersStoreValuesUnchanged)
     options.setRedirectAuth(true);
     options.disableCompression(true);
     options.setVerifyPeer(false);
-    options.setHeaders(HttpClientHeaders({{"X-A", "1"}}));
-    options.setPostRedirectFlags({HttpClientOptions::PostRedir303});
+    options.setHeaders(HttpClientHeaders({ { "X-A", "1" } }));
+    options.setPostRedirectFlags({ HttpClientOptions::PostRedir303 });
     EXPECT_EQ(options.timeoutMs(), 1500);
     EXPECT_EQ(options.readSizeLimit(), -3);
     EXPECT_TRUE(options.immediateRead());
@@ -98,7 +97,8 @@ TEST(HttpClientOptions, SettersStoreValuesUnchanged)
     EXPECT_TRUE(options.isDisabledCompression());
     EXPECT_FALSE(options.verifyPeer());
     EXPECT_EQ(options.headers().value("x-a", QString()), "1");
-    EXPECT_EQ(options.postRedirectFlags(), QSet<HttpClientOptions::HttpPostRedirFlags>{HttpClientOptions::PostRedir303});
+    EXPECT_EQ(options.postRedirectFlags(),
+        QSet<HttpClientOptions::HttpPostRedirFlags> { HttpClientOptions::PostRedir303 });
 }
 
 } // namespace

@@ -5,13 +5,11 @@
 namespace {
 
 // Data classes that count their destructions, to observe shared ownership.
-template <typename Base>
-struct Counted : Base
+template <typename Base> struct Counted : Base
 {
     explicit Counted(int* destroyed)
         : destroyed(destroyed)
-    {
-    }
+    { }
     ~Counted() override { ++*destroyed; }
     int* destroyed;
 };
@@ -118,7 +116,7 @@ TEST(HttpClientPrivate, CopiesShareOnePayloadAndTheLastOneDeletesIt)
 TEST(HttpClientPrivate, TypedGetterOnLastReferenceKeepsDataUntilDone)
 {
     int destroyed = 0;
-    const HttpClientPrivate context{CMRequest(new Counted<CMGetRowsRequest::Data>(&destroyed))};
+    const HttpClientPrivate context { CMRequest(new Counted<CMGetRowsRequest::Data>(&destroyed)) };
     EXPECT_TRUE(context.getCMGetRowsRequest().isNull() == false);
     EXPECT_EQ(destroyed, 0);
 }

@@ -43,8 +43,8 @@ TEST(HttpClientStatus, StreamsItsText)
 
 TEST(HttpClientResult, FieldsInOrderAndCopyable)
 {
-    HttpClientResult result{TrelUrl("http://127.0.0.1/a"), HttpClientStatus::OK, 200,
-                            QByteArray("body"), HttpClientHeaders({{"A", "1"}})};
+    HttpClientResult result { TrelUrl("http://127.0.0.1/a"), HttpClientStatus::OK, 200, QByteArray("body"),
+        HttpClientHeaders({ { "A", "1" } }) };
     const HttpClientResult copy = result;
     EXPECT_EQ(copy.url, TrelUrl("http://127.0.0.1/a"));
     EXPECT_EQ(copy.status, HttpClientStatus::OK);

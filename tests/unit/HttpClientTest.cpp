@@ -56,7 +56,7 @@ public:
     int watched() const { return fds[0]; }
 
 private:
-    std::array<int, 2> fds{-1, -1};
+    std::array<int, 2> fds { -1, -1 };
 };
 
 int poll(HttpClient& client, int socket, int what)
@@ -90,15 +90,15 @@ TEST(HttpClientMetaObject, SixPrivateSlotsInOrderAndNoSignals)
 TEST(HttpClientConstruction, RegistersTheValueTypesForQueuedDelivery)
 {
     HttpClient client;
-    for (const char* name : {"HttpClientPrivate", "HttpClientHeaders", "HttpClient::Result",
-                             "HttpClient::Callback", "TrelUrl"}) {
+    for (const char* name : { "HttpClientPrivate", "HttpClientHeaders", "HttpClient::Result",
+             "HttpClient::Callback", "TrelUrl" }) {
         EXPECT_NE(QMetaType::type(name), QMetaType::UnknownType) << name;
     }
 }
 
 TEST(HttpClientConstruction, Http1NeverSetsPushOrPipelining)
 {
-    for (const int version : {0, 2, -1}) {
+    for (const int version : { 0, 2, -1 }) {
         HttpClient client(nullptr, static_cast<HttpClient::HttpVersion>(version), false);
         CURLM* const multi = Access::multi(client);
         EXPECT_FALSE(curlOptions::multi(multi, CURLMOPT_PUSHFUNCTION)) << version;
@@ -124,8 +124,8 @@ TEST(HttpClientConstruction, EntryLineNamesVersionAndPlusFlag)
     LogCapture capture;
     HttpClient client(nullptr, HttpClient::Http2, true);
     EXPECT_TRUE(capture.contains(log4cplus::TRACE_LOG_LEVEL,
-                                 "Enter HttpClient::HttpClient(QObject*, HttpClient::HttpVersion, bool): "
-                                 "HttpVersion: 1 encodePlusSign: 1"));
+        "Enter HttpClient::HttpClient(QObject*, HttpClient::HttpVersion, bool): "
+        "HttpVersion: 1 encodePlusSign: 1"));
     const auto records = capture.records();
     ASSERT_FALSE(records.empty());
     EXPECT_EQ(records.front().logger, "HttpClient");
@@ -153,11 +153,12 @@ TEST(HttpClientSockets, PollInTwiceCreatesOneReadNotifier)
     EXPECT_EQ(capture.count("in, already present"), 1);
     EXPECT_EQ(Access::writeNotifier(client, pair.watched()), nullptr);
     EXPECT_TRUE(capture.contains(log4cplus::TRACE_LOG_LEVEL,
-                                 "Enter static int HttpClient::handleSocket(CURL*, curl_socket_t, int, void*, "
-                                 "void*): Socket: " + std::to_string(pair.watched()) + " action 1"));
+        "Enter static int HttpClient::handleSocket(CURL*, curl_socket_t, int, void*, "
+        "void*): Socket: "
+            + std::to_string(pair.watched()) + " action 1"));
     EXPECT_TRUE(capture.contains(log4cplus::TRACE_LOG_LEVEL,
-                                 "Enter void HttpClient::listenSocket(curl_socket_t, bool, bool): Listen socket "
-                                     + std::to_string(pair.watched()) + " in 1 out 0"));
+        "Enter void HttpClient::listenSocket(curl_socket_t, bool, bool): Listen socket "
+            + std::to_string(pair.watched()) + " in 1 out 0"));
 }
 
 TEST(HttpClientSockets, InOutThenOutKeepsBothNotifiers)
@@ -205,8 +206,8 @@ TEST(HttpClientSockets, RemoveDeletesBothNotifiersAndALaterPollCreatesAFreshOne)
     EXPECT_TRUE(writer.isNull());
     EXPECT_EQ(Access::readNotifier(client, pair.watched()), nullptr);
     EXPECT_TRUE(capture.contains(log4cplus::TRACE_LOG_LEVEL,
-                                 "Enter void HttpClient::removeSocket(curl_socket_t): Remove socket "
-                                     + std::to_string(pair.watched())));
+        "Enter void HttpClient::removeSocket(curl_socket_t): Remove socket "
+            + std::to_string(pair.watched())));
     capture.clear();
     poll(client, pair.watched(), CURL_POLL_IN);
     EXPECT_NE(Access::readNotifier(client, pair.watched()), nullptr);
@@ -225,11 +226,11 @@ TEST(HttpClientSockets, InvalidActionsLogOneErrorAndChangeNothing)
 {
     HttpClient client;
     SocketPair pair;
-    for (const int what : {0, 5}) {
+    for (const int what : { 0, 5 }) {
         LogCapture capture;
         EXPECT_EQ(poll(client, pair.watched(), what), 0);
         EXPECT_EQ(capture.messages(log4cplus::ERROR_LOG_LEVEL),
-                  std::vector<std::string>{"Invalid action: " + std::to_string(what)});
+            std::vector<std::string> { "Invalid action: " + std::to_string(what) });
         EXPECT_EQ(Access::readNotifier(client, pair.watched()), nullptr);
         EXPECT_EQ(Access::writeNotifier(client, pair.watched()), nullptr);
     }
@@ -309,7 +310,7 @@ TEST(HttpClientThrottle, TwoNotifiersBlockedApartAreReleasedByTheSameFiring)
     HttpClient client;
     SocketPair first;
     SocketPair second;
-    for (const int s : {first.watched(), second.watched()}) {
+    for (const int s : { first.watched(), second.watched() }) {
         poll(client, s, CURL_POLL_INOUT);
         poll(client, s, CURL_POLL_IN);
     }
@@ -380,8 +381,8 @@ TEST(HttpClientPush, SetPushPropertiesStoresAndLogsTheSlot)
     client.setPushProperties(nullptr, nullptr, HttpClientOptions());
     EXPECT_TRUE(Access::pushSlot(client).isEmpty());
     EXPECT_TRUE(capture.contains(log4cplus::TRACE_LOG_LEVEL,
-                                 "Enter void HttpClient::setPushProperties(QObject*, const char*, "
-                                 "const HttpClientOptions&): Slot: "));
+        "Enter void HttpClient::setPushProperties(QObject*, const char*, "
+        "const HttpClientOptions&): Slot: "));
 }
 
 TEST(HttpClientCacheControl, SetCacheSizeAndClearForwardToTheCache)
@@ -390,9 +391,10 @@ TEST(HttpClientCacheControl, SetCacheSizeAndClearForwardToTheCache)
     LogCapture capture;
     client.setCacheSize(4096);
     client.clearCache();
-    EXPECT_TRUE(capture.contains(log4cplus::TRACE_LOG_LEVEL,
-                                 "Enter void HttpClient::setCacheSize(size_t): Cache size: 4096"));
-    EXPECT_TRUE(capture.contains(log4cplus::TRACE_LOG_LEVEL, "Enter void HttpClientCache::setCacheSize(int): Bytes 4096"));
+    EXPECT_TRUE(capture.contains(
+        log4cplus::TRACE_LOG_LEVEL, "Enter void HttpClient::setCacheSize(size_t): Cache size: 4096"));
+    EXPECT_TRUE(capture.contains(
+        log4cplus::TRACE_LOG_LEVEL, "Enter void HttpClientCache::setCacheSize(int): Bytes 4096"));
     EXPECT_TRUE(capture.contains(log4cplus::TRACE_LOG_LEVEL, "Enter void HttpClient::clearCache(): "));
     EXPECT_TRUE(capture.contains(log4cplus::TRACE_LOG_LEVEL, "Enter void HttpClientCache::clear(): "));
 }

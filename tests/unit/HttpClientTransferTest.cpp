@@ -50,13 +50,11 @@ class TransferFactory
 {
 public:
     std::unique_ptr<HttpClientTransfer> make(int method, const HttpClientOptions& options = {},
-                                             int httpVersion = HttpClient::Http1,
-                                             const QByteArray& url = "http://127.0.0.1:9/")
+        int httpVersion = HttpClient::Http1, const QByteArray& url = "http://127.0.0.1:9/")
     {
-        return std::make_unique<HttpClientTransfer>(
-            httpVersion, TrelUrl::fromEncoded(url), method, options,
+        return std::make_unique<HttpClientTransfer>(httpVersion, TrelUrl::fromEncoded(url), method, options,
             [this](HttpClientStatus status, long code, QByteArray body, HttpClientHeaders headers) {
-                outcomes.push_back({status, code, body, headers});
+                outcomes.push_back({ status, code, body, headers });
             });
     }
     std::vector<Outcome> outcomes;
@@ -77,15 +75,15 @@ bool isSet(HttpClientTransfer& transfer, CURLoption option)
 size_t feedBody(HttpClientTransfer& transfer, const QByteArray& bytes)
 {
     QByteArray copy = bytes;
-    return HttpClientTransfer::curlWriteFunc(copy.data(), 1, static_cast<size_t>(copy.size()),
-                                             &Access::buffer(transfer));
+    return HttpClientTransfer::curlWriteFunc(
+        copy.data(), 1, static_cast<size_t>(copy.size()), &Access::buffer(transfer));
 }
 
 size_t feedHeader(HttpClientTransfer& transfer, const QByteArray& bytes)
 {
     QByteArray copy = bytes;
-    return HttpClientTransfer::curlWriteHeader(copy.data(), 1, static_cast<size_t>(copy.size()),
-                                               &Access::buffer(transfer));
+    return HttpClientTransfer::curlWriteHeader(
+        copy.data(), 1, static_cast<size_t>(copy.size()), &Access::buffer(transfer));
 }
 
 // ---------------------------------------------------------------------------
@@ -118,8 +116,10 @@ TEST(HttpClientTransferConfig, DefaultsFollowFiveRedirectsNoTimeoutCompressionAn
     EXPECT_FALSE(isSet(*transfer, CURLOPT_PIPEWAIT));
     EXPECT_FALSE(isSet(*transfer, CURLOPT_POST));
     EXPECT_FALSE(isSet(*transfer, CURLOPT_CUSTOMREQUEST));
-    EXPECT_EQ(easyOption(*transfer, CURLOPT_WRITEDATA), reinterpret_cast<std::intptr_t>(&Access::buffer(*transfer)));
-    EXPECT_EQ(easyOption(*transfer, CURLOPT_HEADERDATA), reinterpret_cast<std::intptr_t>(&Access::buffer(*transfer)));
+    EXPECT_EQ(easyOption(*transfer, CURLOPT_WRITEDATA),
+        reinterpret_cast<std::intptr_t>(&Access::buffer(*transfer)));
+    EXPECT_EQ(easyOption(*transfer, CURLOPT_HEADERDATA),
+        reinterpret_cast<std::intptr_t>(&Access::buffer(*transfer)));
     EXPECT_EQ(Access::buffer(*transfer).sizeLimit, 65536);
 }
 
@@ -142,7 +142,7 @@ TEST(HttpClientTransferConfig, RedirectLimits)
 TEST(HttpClientTransferConfig, TimeoutOnlyWhenPositive)
 {
     TransferFactory factory;
-    for (const int timeout : {0, -5}) {
+    for (const int timeout : { 0, -5 }) {
         HttpClientOptions options;
         options.setTimeoutMs(timeout);
         auto transfer = factory.make(HttpClient::Get, options);
@@ -158,7 +158,7 @@ TEST(HttpClientTransferConfig, PostRedirectMasks)
 {
     TransferFactory factory;
     HttpClientOptions some;
-    some.setPostRedirectFlags({HttpClientOptions::PostRedir301, HttpClientOptions::PostRedir303});
+    some.setPostRedirectFlags({ HttpClientOptions::PostRedir301, HttpClientOptions::PostRedir303 });
     EXPECT_EQ(easyOption(*factory.make(HttpClient::Post, some), CURLOPT_POSTREDIR), 5);
     HttpClientOptions all;
     all.setPostRedirectFlags(HttpClientOptions::PostRedirAll);
@@ -200,8 +200,10 @@ TEST(HttpClientTransferConfig, MethodsMapToLibcurlOptions)
     EXPECT_EQ(easyOption(*head, CURLOPT_NOBODY), 1);
     EXPECT_EQ(easyOption(*factory.make(HttpClient::Post), CURLOPT_POST), 1);
     EXPECT_EQ(curlOptions::easy(factory.make(HttpClient::Put)->handle(), CURLOPT_CUSTOMREQUEST)->text, "PUT");
-    EXPECT_EQ(curlOptions::easy(factory.make(HttpClient::Delete)->handle(), CURLOPT_CUSTOMREQUEST)->text, "DELETE");
-    EXPECT_EQ(curlOptions::easy(factory.make(HttpClient::Patch)->handle(), CURLOPT_CUSTOMREQUEST)->text, "PATCH");
+    EXPECT_EQ(
+        curlOptions::easy(factory.make(HttpClient::Delete)->handle(), CURLOPT_CUSTOMREQUEST)->text, "DELETE");
+    EXPECT_EQ(
+        curlOptions::easy(factory.make(HttpClient::Patch)->handle(), CURLOPT_CUSTOMREQUEST)->text, "PATCH");
     auto unknown = factory.make(42);
     EXPECT_FALSE(isSet(*unknown, CURLOPT_CUSTOMREQUEST));
     EXPECT_FALSE(isSet(*unknown, CURLOPT_POST));
@@ -211,7 +213,7 @@ TEST(HttpClientTransferConfig, RequestHeadersBecomeOneListLinePerEntry)
 {
     TransferFactory factory;
     HttpClientOptions options;
-    options.setHeaders(HttpClientHeaders({{"X-One", "1"}, {"X-Two", "zwei"}}));
+    options.setHeaders(HttpClientHeaders({ { "X-One", "1" }, { "X-Two", "zwei" } }));
     auto transfer = factory.make(HttpClient::Get, options);
     curl_slist* const list = Access::headerList(*transfer);
     ASSERT_NE(list, nullptr);
@@ -221,7 +223,7 @@ TEST(HttpClientTransferConfig, RequestHeadersBecomeOneListLinePerEntry)
         lines << QString::fromUtf8(item->data);
     }
     lines.sort();
-    EXPECT_EQ(lines, QStringList({"X-One: 1", "X-Two: zwei"}));
+    EXPECT_EQ(lines, QStringList({ "X-One: 1", "X-Two: zwei" }));
 }
 
 TEST(HttpClientTransferConfig, PushConstructorInstallsOnlyTheReceiveCallbacks)
@@ -233,7 +235,7 @@ TEST(HttpClientTransferConfig, PushConstructorInstallsOnlyTheReceiveCallbacks)
         HttpClientOptions options;
         options.setReadSizeLimit(10);
         HttpClientTransfer transfer(HttpClient::Http2, pushed, multi, options,
-                                    [&](HttpClientStatus, long, QByteArray, HttpClientHeaders) { ++calls; });
+            [&](HttpClientStatus, long, QByteArray, HttpClientHeaders) { ++calls; });
         EXPECT_EQ(transfer.handle(), pushed);
         EXPECT_EQ(curlOptions::easyCount(pushed), 4);
         EXPECT_TRUE(curlOptions::easy(pushed, CURLOPT_WRITEFUNCTION));
@@ -254,16 +256,16 @@ TEST(HttpClientTransferConfig, PushConstructorInstallsOnlyTheReceiveCallbacks)
 TEST(HttpClientTransferBodies, GetAndHeadRefuseEveryBodyAndKeepTheirState)
 {
     TransferFactory factory;
-    for (const int method : {HttpClient::Get, HttpClient::Head}) {
+    for (const int method : { HttpClient::Get, HttpClient::Head }) {
         auto transfer = factory.make(method);
         LogCapture capture;
         auto queue = QSharedPointer<HttpClientQueue>::create(nullptr);
         EXPECT_FALSE(transfer->setDataToUpload(QByteArray("data")));
-        EXPECT_FALSE(transfer->setDataToUpload(QList<QPair<QString, QString>>{{"a", "b"}}));
+        EXPECT_FALSE(transfer->setDataToUpload(QList<QPair<QString, QString>> { { "a", "b" } }));
         EXPECT_FALSE(transfer->setDataToUpload(QSharedPointer<HttpClientTransfer::File>::create("f")));
         EXPECT_FALSE(transfer->setDataToUpload(queue));
         EXPECT_EQ(capture.messages(log4cplus::ERROR_LOG_LEVEL),
-                  std::vector<std::string>(4, "Transfer cannot contains data"));
+            std::vector<std::string>(4, "Transfer cannot contains data"));
         EXPECT_TRUE(Access::uploadBytes(*transfer).isEmpty());
         EXPECT_FALSE(Access::hasMime(*transfer));
         EXPECT_FALSE(Access::hasFile(*transfer));
@@ -278,17 +280,17 @@ TEST(HttpClientTransferBodies, GetAndHeadRefuseEveryBodyAndKeepTheirState)
 TEST(HttpClientTransferBodies, ByteBodyIsAPrivateCopyAndAnEmptyOneIsABody)
 {
     TransferFactory factory;
-    for (const int method : {HttpClient::Post, HttpClient::Put, HttpClient::Delete, HttpClient::Patch}) {
+    for (const int method : { HttpClient::Post, HttpClient::Put, HttpClient::Delete, HttpClient::Patch }) {
         auto transfer = factory.make(method);
         QByteArray caller("hello");
         LogCapture capture;
         ASSERT_TRUE(transfer->setDataToUpload(caller));
         EXPECT_TRUE(capture.contains(log4cplus::TRACE_LOG_LEVEL,
-                                     "Enter bool HttpClientTransfer::setDataToUpload(const QByteArray&): Data size: 5"));
+            "Enter bool HttpClientTransfer::setDataToUpload(const QByteArray&): Data size: 5"));
         caller[0] = 'J';
         EXPECT_EQ(Access::uploadBytes(*transfer), "hello");
         EXPECT_EQ(easyOption(*transfer, CURLOPT_POSTFIELDS),
-                  reinterpret_cast<std::intptr_t>(Access::uploadBytes(*transfer).constData()));
+            reinterpret_cast<std::intptr_t>(Access::uploadBytes(*transfer).constData()));
         EXPECT_EQ(easyOption(*transfer, CURLOPT_POSTFIELDSIZE), 5);
     }
     auto empty = factory.make(HttpClient::Post);
@@ -311,12 +313,12 @@ TEST(HttpClientTransferBodies, FormsIncludingAnEmptyOneAttachAMimeBody)
     TransferFactory factory;
     auto transfer = factory.make(HttpClient::Post);
     LogCapture capture;
-    EXPECT_TRUE(transfer->setDataToUpload(QList<QPair<QString, QString>>{}));
+    EXPECT_TRUE(transfer->setDataToUpload(QList<QPair<QString, QString>> {}));
     EXPECT_TRUE(Access::hasMime(*transfer));
     EXPECT_TRUE(isSet(*transfer, CURLOPT_MIMEPOST));
     EXPECT_TRUE(capture.contains(log4cplus::TRACE_LOG_LEVEL,
-                                 "Enter bool HttpClientTransfer::setDataToUpload(const QList<QPair<QString, "
-                                 "QString> >&): Form size: 0"));
+        "Enter bool HttpClientTransfer::setDataToUpload(const QList<QPair<QString, "
+        "QString> >&): Form size: 0"));
 }
 
 TEST(HttpClientTransferBodies, StreamIsSentWithUnknownLength)
@@ -379,7 +381,7 @@ TEST(HttpClientTransferFile, HoldsTheBytesUnderTheTemplateNameAndLeavesWithTheLa
 
 TEST(HttpClientTransferFile, EmptyBytesMakeAValidEmptyFile)
 {
-    HttpClientTransfer::File file{QByteArray()};
+    HttpClientTransfer::File file { QByteArray() };
     ASSERT_FALSE(file.fileName().isEmpty());
     EXPECT_EQ(QFileInfo(file.fileName()).size(), 0);
 }
@@ -406,7 +408,8 @@ TEST(HttpClientTransferFile, UncreatableFileIsInvalidAndRefused)
     LogCapture capture;
     auto file = QSharedPointer<HttpClientTransfer::File>::create(QByteArray("data"));
     EXPECT_TRUE(file->fileName().isEmpty());
-    EXPECT_TRUE(capture.contains(log4cplus::ERROR_LOG_LEVEL, "Failed to open temporary file for upload data!"));
+    EXPECT_TRUE(
+        capture.contains(log4cplus::ERROR_LOG_LEVEL, "Failed to open temporary file for upload data!"));
     TransferFactory factory;
     auto transfer = factory.make(HttpClient::Post);
     EXPECT_FALSE(transfer->setDataToUpload(file));
@@ -428,7 +431,7 @@ TEST(HttpClientTransferReceive, BodyOfExactlyTheLimitIsAcceptedOneMoreByteIsTrim
     EXPECT_TRUE(capture.messages(log4cplus::ERROR_LOG_LEVEL).empty());
     EXPECT_EQ(feedBody(*transfer, "9"), 0u);
     EXPECT_EQ(capture.messages(log4cplus::ERROR_LOG_LEVEL),
-              std::vector<std::string>{"CURL data: not enough space in buffer, trimmed by 1 bytes!"});
+        std::vector<std::string> { "CURL data: not enough space in buffer, trimmed by 1 bytes!" });
     EXPECT_EQ(Access::buffer(*transfer).body, "12345678");
 }
 
@@ -441,7 +444,8 @@ TEST(HttpClientTransferReceive, TrimmedCountIsWhatDidNotFit)
     LogCapture capture;
     EXPECT_EQ(feedBody(*transfer, "abc"), 3u);
     EXPECT_EQ(feedBody(*transfer, "defghij"), 2u);
-    EXPECT_TRUE(capture.contains(log4cplus::ERROR_LOG_LEVEL, "CURL data: not enough space in buffer, trimmed by 5 bytes!"));
+    EXPECT_TRUE(capture.contains(
+        log4cplus::ERROR_LOG_LEVEL, "CURL data: not enough space in buffer, trimmed by 5 bytes!"));
     EXPECT_EQ(Access::buffer(*transfer).body, "abcde");
 }
 
@@ -534,7 +538,7 @@ TEST(HttpClientTransferLifecycle, CancelReportsErrorMinusOneOnceThenOnlyLogs)
         EXPECT_TRUE(factory.outcomes[0].body.isEmpty());
         EXPECT_TRUE(factory.outcomes[0].headers.headers().isEmpty());
         LogCapture capture;
-        CURLMsg message{};
+        CURLMsg message {};
         message.msg = CURLMSG_DONE;
         message.easy_handle = transfer->handle();
         transfer->finish(&message);
@@ -581,15 +585,15 @@ TEST(HttpClientTransferLifecycle, StartingTwiceIsFatalAndChangesNothing)
 TEST(HttpClientTransferLifecycle, FinishMapsResultCodesToStatuses)
 {
     const std::vector<std::pair<CURLcode, HttpClientStatus>> table = {
-        {CURLE_OK, HttpClientStatus::OK},
-        {CURLE_COULDNT_RESOLVE_PROXY, HttpClientStatus::ResolveError},
-        {CURLE_COULDNT_RESOLVE_HOST, HttpClientStatus::ResolveError},
-        {CURLE_COULDNT_CONNECT, HttpClientStatus::ConnectError},
-        {CURLE_OPERATION_TIMEDOUT, HttpClientStatus::Timeout},
-        {CURLE_WRITE_ERROR, HttpClientStatus::Error},
-        {CURLE_UNSUPPORTED_PROTOCOL, HttpClientStatus::Error},
-        {CURLE_SSL_CONNECT_ERROR, HttpClientStatus::Error},
-        {CURLE_GOT_NOTHING, HttpClientStatus::Error},
+        { CURLE_OK, HttpClientStatus::OK },
+        { CURLE_COULDNT_RESOLVE_PROXY, HttpClientStatus::ResolveError },
+        { CURLE_COULDNT_RESOLVE_HOST, HttpClientStatus::ResolveError },
+        { CURLE_COULDNT_CONNECT, HttpClientStatus::ConnectError },
+        { CURLE_OPERATION_TIMEDOUT, HttpClientStatus::Timeout },
+        { CURLE_WRITE_ERROR, HttpClientStatus::Error },
+        { CURLE_UNSUPPORTED_PROTOCOL, HttpClientStatus::Error },
+        { CURLE_SSL_CONNECT_ERROR, HttpClientStatus::Error },
+        { CURLE_GOT_NOTHING, HttpClientStatus::Error },
     };
     CURLM* const multi = curl_multi_init();
     for (const auto& [code, status] : table) {
@@ -598,7 +602,7 @@ TEST(HttpClientTransferLifecycle, FinishMapsResultCodesToStatuses)
         transfer->start(multi);
         feedHeader(*transfer, "HTTP/1.1 200 OK\r\nX-B: 2\r\n\r\n");
         feedBody(*transfer, "body");
-        CURLMsg message{};
+        CURLMsg message {};
         message.msg = CURLMSG_DONE;
         message.easy_handle = transfer->handle();
         message.data.result = code;
@@ -611,8 +615,8 @@ TEST(HttpClientTransferLifecycle, FinishMapsResultCodesToStatuses)
         // Only a success names the URL libcurl ended at.
         EXPECT_EQ(factory.outcomes[0].headers.contains("X-TrelEfectiveUrl"), status == HttpClientStatus::OK);
         std::ostringstream prefix;
-        prefix << "Transfer [" << transfer->handle() << "] http://127.0.0.1:9/, done: " << static_cast<int>(code)
-               << ", code: 0";
+        prefix << "Transfer [" << transfer->handle()
+               << "] http://127.0.0.1:9/, done: " << static_cast<int>(code) << ", code: 0";
         EXPECT_TRUE(capture.contains(log4cplus::TRACE_LOG_LEVEL, prefix.str())) << prefix.str();
         std::ostringstream output;
         output << "Output   [" << transfer->handle() << "] 4 bytes";

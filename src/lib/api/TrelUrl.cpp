@@ -12,8 +12,7 @@ TrelUrl::TrelUrl() = default;
 
 TrelUrl::TrelUrl(const QString& text)
     : url(text, QUrl::TolerantMode)
-{
-}
+{ }
 
 TrelUrl TrelUrl::fromEncoded(const QByteArray& encoded)
 {

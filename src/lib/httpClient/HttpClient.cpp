@@ -21,7 +21,7 @@ HttpClient::HttpClient(QObject* parent, HttpVersion version, bool encodePlusSign
     , encodePlusSign(encodePlusSign)
 {
     TREL_ENTER("HttpClient::HttpClient(QObject*, HttpClient::HttpVersion, bool)",
-               "HttpVersion: " << static_cast<int>(version) << " encodePlusSign: " << encodePlusSign);
+        "HttpVersion: " << static_cast<int>(version) << " encodePlusSign: " << encodePlusSign);
     multi = curl_multi_init();
     curl_multi_setopt(multi, CURLMOPT_SOCKETFUNCTION, &HttpClient::handleSocket);
     curl_multi_setopt(multi, CURLMOPT_SOCKETDATA, this);
@@ -47,7 +47,7 @@ HttpClient::HttpClient(QObject* parent, HttpVersion version, bool encodePlusSign
     writeNotifiersBlocked.setSingleShot(true);
     writeNotifiersBlocked.setInterval(kWriteNotifierBlockMs);
     connectVerified(&writeNotifiersBlocked, SIGNAL(timeout()), SLOT(on_writeNotifiersBlocked_timeout()),
-                    Qt::QueuedConnection);
+        Qt::QueuedConnection);
 }
 
 HttpClient::~HttpClient()
@@ -64,8 +64,8 @@ HttpClient::~HttpClient()
     multi = nullptr;
 }
 
-void HttpClient::connectVerified(const QObject* sender, const char* signal, const char* method,
-                                 Qt::ConnectionType type)
+void HttpClient::connectVerified(
+    const QObject* sender, const char* signal, const char* method, Qt::ConnectionType type)
 {
     const bool connection = static_cast<bool>(connect(sender, signal, this, method, type));
     TREL_ASSERT(connection);
@@ -99,7 +99,7 @@ int HttpClient::handleSocket(CURL* /*easy*/, curl_socket_t s, int what, void* us
 {
     auto* const client = static_cast<HttpClient*>(userp);
     TREL_ENTER("static int HttpClient::handleSocket(CURL*, curl_socket_t, int, void*, void*)",
-               "Socket: " << s << " action " << what);
+        "Socket: " << s << " action " << what);
     switch (what) {
     case CURL_POLL_IN:
         client->writeWantedSockets.remove(s);
@@ -135,7 +135,7 @@ QSharedPointer<QSocketNotifier> HttpClient::makeNotifier(curl_socket_t socket, Q
 void HttpClient::listenSocket(curl_socket_t socket, bool in, bool out)
 {
     TREL_ENTER("void HttpClient::listenSocket(curl_socket_t, bool, bool)",
-               "Listen socket " << socket << " in " << in << " out " << out);
+        "Listen socket " << socket << " in " << in << " out " << out);
     if (in) {
         if (readNotifiers.contains(socket)) {
             TREL_TRACE("in, already present");
@@ -144,7 +144,7 @@ void HttpClient::listenSocket(curl_socket_t socket, bool in, bool out)
             const auto notifier = makeNotifier(socket, QSocketNotifier::Read);
             readNotifiers.insert(socket, notifier);
             connectVerified(notifier.data(), SIGNAL(activated(int)), SLOT(on_readNotifier_activated(int)),
-                            Qt::AutoConnection);
+                Qt::AutoConnection);
         }
     }
     if (out) {
@@ -161,7 +161,7 @@ void HttpClient::listenSocket(curl_socket_t socket, bool in, bool out)
         const auto notifier = makeNotifier(socket, QSocketNotifier::Write);
         writeNotifiers.insert(socket, notifier);
         connectVerified(notifier.data(), SIGNAL(activated(int)), SLOT(on_writeNotifier_activated(int)),
-                        Qt::AutoConnection);
+            Qt::AutoConnection);
     }
 }
 
@@ -270,14 +270,15 @@ void HttpClient::harvestFinishedTransfers()
 
 template <typename T>
 void* HttpClient::send(const TrelUrl& url, HttpMethod method, const T& body, const HttpClientOptions& options,
-                       const Reply& reply, const char* signature)
+    const Reply& reply, const char* signature)
 {
-    TREL_ENTER(signature, "Url: " << url << ", method: " << static_cast<int>(method)
-                                  << ", timeout: " << options.timeoutMs() << "ms");
+    TREL_ENTER(signature,
+        "Url: " << url << ", method: " << static_cast<int>(method) << ", timeout: " << options.timeoutMs()
+                << "ms");
     if (method == Get) {
         if (const HttpClientCacheEntry* const entry = cache.retrieve(url)) {
             // Copied at once: the entry may go with the next cache change.
-            const HttpClientResult result{url, entry->status, entry->code, entry->body, entry->headers};
+            const HttpClientResult result { url, entry->status, entry->code, entry->body, entry->headers };
             notifyCaller(reply, result, options.userData());
             return nullptr;
         }
@@ -295,28 +296,26 @@ void* HttpClient::send(const TrelUrl& url, HttpMethod method, const T& body, con
     return id;
 }
 
-QSharedPointer<HttpClientTransfer> HttpClient::createTransfer(TrelUrl url, HttpMethod method,
-                                                              const HttpClientOptions& options,
-                                                              const Reply& reply)
+QSharedPointer<HttpClientTransfer> HttpClient::createTransfer(
+    TrelUrl url, HttpMethod method, const HttpClientOptions& options, const Reply& reply)
 {
     TREL_ENTER("QSharedPointer<HttpClientTransfer> HttpClient::createTransfer(TrelUrl, "
                "HttpClient::HttpMethod, const HttpClientOptions&, const HttpClient::Reply&)",
-               "Url: " << url << " method: " << static_cast<int>(method));
+        "Url: " << url << " method: " << static_cast<int>(method));
     // The caller's own URL, before rewriting: results and the cache use it.
-    auto completion = [this, callerUrl = url, method, options, reply](HttpClientStatus status, long code,
-                                                                     QByteArray body, HttpClientHeaders headers) {
+    auto completion = [this, callerUrl = url, method, options, reply](
+                          HttpClientStatus status, long code, QByteArray body, HttpClientHeaders headers) {
         if (method == Get) {
             cache.tryCache(callerUrl, status, static_cast<int>(code), headers, body);
         }
-        const HttpClientResult result{callerUrl, status, static_cast<int>(code), body, headers};
+        const HttpClientResult result { callerUrl, status, static_cast<int>(code), body, headers };
         notifyCaller(reply, result, options.userData());
     };
     if (encodePlusSign) {
         url.setEncodedQuery(url.encodedQuery().replace("+", "%2B"));
     }
-    const auto transfer = QSharedPointer<HttpClientTransfer>::create(static_cast<int>(httpVersion), url,
-                                                                     static_cast<int>(method), options,
-                                                                     std::move(completion));
+    const auto transfer = QSharedPointer<HttpClientTransfer>::create(
+        static_cast<int>(httpVersion), url, static_cast<int>(method), options, std::move(completion));
     if (!transfer->handle()) {
         TREL_ERROR("Failed to create curl easy handle!");
         return {};
@@ -324,142 +323,144 @@ QSharedPointer<HttpClientTransfer> HttpClient::createTransfer(TrelUrl url, HttpM
     return transfer;
 }
 
-void* HttpClient::get(const TrelUrl& url, QObject* receiver, const char* slot, const HttpClientOptions& options)
+void* HttpClient::get(
+    const TrelUrl& url, QObject* receiver, const char* slot, const HttpClientOptions& options)
 {
-    return send(url, Get, QByteArray(), options, Reply{receiver, QByteArray(slot), {}},
-                "void* HttpClient::get(const TrelUrl&, QObject*, const char*, const HttpClientOptions&)");
+    return send(url, Get, QByteArray(), options, Reply { receiver, QByteArray(slot), {} },
+        "void* HttpClient::get(const TrelUrl&, QObject*, const char*, const HttpClientOptions&)");
 }
 
 void* HttpClient::get(const TrelUrl& url, const HttpClientOptions& options, Callback callback)
 {
-    return send(url, Get, QByteArray(), options, Reply{nullptr, {}, std::move(callback)},
-                "void* HttpClient::get(const TrelUrl&, const HttpClientOptions&, HttpClient::Callback)");
+    return send(url, Get, QByteArray(), options, Reply { nullptr, {}, std::move(callback) },
+        "void* HttpClient::get(const TrelUrl&, const HttpClientOptions&, HttpClient::Callback)");
 }
 
-void* HttpClient::head(const TrelUrl& url, QObject* receiver, const char* slot, const HttpClientOptions& options)
+void* HttpClient::head(
+    const TrelUrl& url, QObject* receiver, const char* slot, const HttpClientOptions& options)
 {
-    return send(url, Head, QByteArray(), options, Reply{receiver, QByteArray(slot), {}},
-                "void* HttpClient::head(const TrelUrl&, QObject*, const char*, const HttpClientOptions&)");
+    return send(url, Head, QByteArray(), options, Reply { receiver, QByteArray(slot), {} },
+        "void* HttpClient::head(const TrelUrl&, QObject*, const char*, const HttpClientOptions&)");
 }
 
 void* HttpClient::head(const TrelUrl& url, const HttpClientOptions& options, Callback callback)
 {
-    return send(url, Head, QByteArray(), options, Reply{nullptr, {}, std::move(callback)},
-                "void* HttpClient::head(const TrelUrl&, const HttpClientOptions&, HttpClient::Callback)");
+    return send(url, Head, QByteArray(), options, Reply { nullptr, {}, std::move(callback) },
+        "void* HttpClient::head(const TrelUrl&, const HttpClientOptions&, HttpClient::Callback)");
 }
 
 void* HttpClient::post(const TrelUrl& url, const QByteArray& data, QObject* receiver, const char* slot,
-                       const HttpClientOptions& options)
+    const HttpClientOptions& options)
 {
-    return send(url, Post, data, options, Reply{receiver, QByteArray(slot), {}},
-                "void* HttpClient::post(const TrelUrl&, const QByteArray&, QObject*, const char*, "
-                "const HttpClientOptions&)");
+    return send(url, Post, data, options, Reply { receiver, QByteArray(slot), {} },
+        "void* HttpClient::post(const TrelUrl&, const QByteArray&, QObject*, const char*, "
+        "const HttpClientOptions&)");
 }
 
-void* HttpClient::post(const TrelUrl& url, const QByteArray& data, const HttpClientOptions& options,
-                       Callback callback)
+void* HttpClient::post(
+    const TrelUrl& url, const QByteArray& data, const HttpClientOptions& options, Callback callback)
 {
-    return send(url, Post, data, options, Reply{nullptr, {}, std::move(callback)},
-                "void* HttpClient::post(const TrelUrl&, const QByteArray&, const HttpClientOptions&, "
-                "HttpClient::Callback)");
+    return send(url, Post, data, options, Reply { nullptr, {}, std::move(callback) },
+        "void* HttpClient::post(const TrelUrl&, const QByteArray&, const HttpClientOptions&, "
+        "HttpClient::Callback)");
 }
 
 void* HttpClient::put(const TrelUrl& url, const QByteArray& data, QObject* receiver, const char* slot,
-                      const HttpClientOptions& options)
+    const HttpClientOptions& options)
 {
-    return send(url, Put, data, options, Reply{receiver, QByteArray(slot), {}},
-                "void* HttpClient::put(const TrelUrl&, const QByteArray&, QObject*, const char*, "
-                "const HttpClientOptions&)");
+    return send(url, Put, data, options, Reply { receiver, QByteArray(slot), {} },
+        "void* HttpClient::put(const TrelUrl&, const QByteArray&, QObject*, const char*, "
+        "const HttpClientOptions&)");
 }
 
-void* HttpClient::put(const TrelUrl& url, const QByteArray& data, const HttpClientOptions& options,
-                      Callback callback)
+void* HttpClient::put(
+    const TrelUrl& url, const QByteArray& data, const HttpClientOptions& options, Callback callback)
 {
-    return send(url, Put, data, options, Reply{nullptr, {}, std::move(callback)},
-                "void* HttpClient::put(const TrelUrl&, const QByteArray&, const HttpClientOptions&, "
-                "HttpClient::Callback)");
+    return send(url, Put, data, options, Reply { nullptr, {}, std::move(callback) },
+        "void* HttpClient::put(const TrelUrl&, const QByteArray&, const HttpClientOptions&, "
+        "HttpClient::Callback)");
 }
 
 void* HttpClient::delete_(const TrelUrl& url, const QByteArray& data, QObject* receiver, const char* slot,
-                          const HttpClientOptions& options)
+    const HttpClientOptions& options)
 {
-    return send(url, Delete, data, options, Reply{receiver, QByteArray(slot), {}},
-                "void* HttpClient::delete_(const TrelUrl&, const QByteArray&, QObject*, const char*, "
-                "const HttpClientOptions&)");
+    return send(url, Delete, data, options, Reply { receiver, QByteArray(slot), {} },
+        "void* HttpClient::delete_(const TrelUrl&, const QByteArray&, QObject*, const char*, "
+        "const HttpClientOptions&)");
 }
 
-void* HttpClient::delete_(const TrelUrl& url, const QByteArray& data, const HttpClientOptions& options,
-                          Callback callback)
+void* HttpClient::delete_(
+    const TrelUrl& url, const QByteArray& data, const HttpClientOptions& options, Callback callback)
 {
-    return send(url, Delete, data, options, Reply{nullptr, {}, std::move(callback)},
-                "void* HttpClient::delete_(const TrelUrl&, const QByteArray&, const HttpClientOptions&, "
-                "HttpClient::Callback)");
+    return send(url, Delete, data, options, Reply { nullptr, {}, std::move(callback) },
+        "void* HttpClient::delete_(const TrelUrl&, const QByteArray&, const HttpClientOptions&, "
+        "HttpClient::Callback)");
 }
 
 void* HttpClient::patch(const TrelUrl& url, const QByteArray& data, QObject* receiver, const char* slot,
-                        const HttpClientOptions& options)
+    const HttpClientOptions& options)
 {
-    return send(url, Patch, data, options, Reply{receiver, QByteArray(slot), {}},
-                "void* HttpClient::patch(const TrelUrl&, const QByteArray&, QObject*, const char*, "
-                "const HttpClientOptions&)");
+    return send(url, Patch, data, options, Reply { receiver, QByteArray(slot), {} },
+        "void* HttpClient::patch(const TrelUrl&, const QByteArray&, QObject*, const char*, "
+        "const HttpClientOptions&)");
 }
 
-void* HttpClient::patch(const TrelUrl& url, const QByteArray& data, const HttpClientOptions& options,
-                        Callback callback)
+void* HttpClient::patch(
+    const TrelUrl& url, const QByteArray& data, const HttpClientOptions& options, Callback callback)
 {
-    return send(url, Patch, data, options, Reply{nullptr, {}, std::move(callback)},
-                "void* HttpClient::patch(const TrelUrl&, const QByteArray&, const HttpClientOptions&, "
-                "HttpClient::Callback)");
+    return send(url, Patch, data, options, Reply { nullptr, {}, std::move(callback) },
+        "void* HttpClient::patch(const TrelUrl&, const QByteArray&, const HttpClientOptions&, "
+        "HttpClient::Callback)");
 }
 
 void* HttpClient::postStream(const TrelUrl& url, QSharedPointer<HttpClientQueue> queue, QObject* receiver,
-                             const char* slot, const HttpClientOptions& options)
+    const char* slot, const HttpClientOptions& options)
 {
-    return send(url, Post, queue, options, Reply{receiver, QByteArray(slot), {}},
-                "void* HttpClient::postStream(const TrelUrl&, QSharedPointer<HttpClientQueue>, QObject*, "
-                "const char*, const HttpClientOptions&)");
+    return send(url, Post, queue, options, Reply { receiver, QByteArray(slot), {} },
+        "void* HttpClient::postStream(const TrelUrl&, QSharedPointer<HttpClientQueue>, QObject*, "
+        "const char*, const HttpClientOptions&)");
 }
 
 void* HttpClient::postStream(const TrelUrl& url, QSharedPointer<HttpClientQueue> queue,
-                             const HttpClientOptions& options, Callback callback)
+    const HttpClientOptions& options, Callback callback)
 {
-    return send(url, Post, queue, options, Reply{nullptr, {}, std::move(callback)},
-                "void* HttpClient::postStream(const TrelUrl&, QSharedPointer<HttpClientQueue>, "
-                "const HttpClientOptions&, HttpClient::Callback)");
-}
-
-void* HttpClient::postForm(const TrelUrl& url, const QList<QPair<QString, QString>>& fields, QObject* receiver,
-                           const char* slot, const HttpClientOptions& options)
-{
-    return send(url, Post, fields, options, Reply{receiver, QByteArray(slot), {}},
-                "void* HttpClient::postForm(const TrelUrl&, const QList<QPair<QString, QString> >&, "
-                "QObject*, const char*, const HttpClientOptions&)");
+    return send(url, Post, queue, options, Reply { nullptr, {}, std::move(callback) },
+        "void* HttpClient::postStream(const TrelUrl&, QSharedPointer<HttpClientQueue>, "
+        "const HttpClientOptions&, HttpClient::Callback)");
 }
 
 void* HttpClient::postForm(const TrelUrl& url, const QList<QPair<QString, QString>>& fields,
-                           const HttpClientOptions& options, Callback callback)
+    QObject* receiver, const char* slot, const HttpClientOptions& options)
 {
-    return send(url, Post, fields, options, Reply{nullptr, {}, std::move(callback)},
-                "void* HttpClient::postForm(const TrelUrl&, const QList<QPair<QString, QString> >&, "
-                "const HttpClientOptions&, HttpClient::Callback)");
+    return send(url, Post, fields, options, Reply { receiver, QByteArray(slot), {} },
+        "void* HttpClient::postForm(const TrelUrl&, const QList<QPair<QString, QString> >&, "
+        "QObject*, const char*, const HttpClientOptions&)");
+}
+
+void* HttpClient::postForm(const TrelUrl& url, const QList<QPair<QString, QString>>& fields,
+    const HttpClientOptions& options, Callback callback)
+{
+    return send(url, Post, fields, options, Reply { nullptr, {}, std::move(callback) },
+        "void* HttpClient::postForm(const TrelUrl&, const QList<QPair<QString, QString> >&, "
+        "const HttpClientOptions&, HttpClient::Callback)");
 }
 
 void* HttpClient::postFile(const TrelUrl& url, const QByteArray& data, QObject* receiver, const char* slot,
-                           const HttpClientOptions& options)
+    const HttpClientOptions& options)
 {
     return send(url, Post, QSharedPointer<HttpClientTransfer::File>::create(data), options,
-                Reply{receiver, QByteArray(slot), {}},
-                "void* HttpClient::postFile(const TrelUrl&, const QByteArray&, QObject*, const char*, "
-                "const HttpClientOptions&)");
+        Reply { receiver, QByteArray(slot), {} },
+        "void* HttpClient::postFile(const TrelUrl&, const QByteArray&, QObject*, const char*, "
+        "const HttpClientOptions&)");
 }
 
-void* HttpClient::postFile(const TrelUrl& url, const QByteArray& data, const HttpClientOptions& options,
-                           Callback callback)
+void* HttpClient::postFile(
+    const TrelUrl& url, const QByteArray& data, const HttpClientOptions& options, Callback callback)
 {
     return send(url, Post, QSharedPointer<HttpClientTransfer::File>::create(data), options,
-                Reply{nullptr, {}, std::move(callback)},
-                "void* HttpClient::postFile(const TrelUrl&, const QByteArray&, const HttpClientOptions&, "
-                "HttpClient::Callback)");
+        Reply { nullptr, {}, std::move(callback) },
+        "void* HttpClient::postFile(const TrelUrl&, const QByteArray&, const HttpClientOptions&, "
+        "HttpClient::Callback)");
 }
 
 // ---------------------------------------------------------------------------
@@ -494,21 +495,22 @@ void HttpClient::clearCache()
 
 // Always queued: a result never arrives inside a request call, a libcurl
 // callback or the cache.
-void HttpClient::notifyCaller(const Reply& reply, const HttpClientResult& result, const HttpClientPrivate& context)
+void HttpClient::notifyCaller(
+    const Reply& reply, const HttpClientResult& result, const HttpClientPrivate& context)
 {
     if (reply.receiver && !reply.slot.isEmpty()) {
         const int status = result.status;
         QMetaObject::invokeMethod(reply.receiver, reply.slot.constData(), Qt::QueuedConnection,
-                                  QArgument<TrelUrl>("TrelUrl", result.url),
-                                  QArgument<HttpClientPrivate>("HttpClientPrivate", context),
-                                  Q_ARG(int, status), Q_ARG(int, result.code), Q_ARG(QByteArray, result.body),
-                                  QArgument<HttpClientHeaders>("HttpClientHeaders", result.headers));
+            QArgument<TrelUrl>("TrelUrl", result.url),
+            QArgument<HttpClientPrivate>("HttpClientPrivate", context), Q_ARG(int, status),
+            Q_ARG(int, result.code), Q_ARG(QByteArray, result.body),
+            QArgument<HttpClientHeaders>("HttpClientHeaders", result.headers));
         return;
     }
     if (reply.callback) {
         QMetaObject::invokeMethod(this, "on_notifyCaller_sync", Qt::QueuedConnection,
-                                  QArgument<HttpClientResult>("HttpClient::Result", result),
-                                  QArgument<Callback>("HttpClient::Callback", reply.callback));
+            QArgument<HttpClientResult>("HttpClient::Result", result),
+            QArgument<Callback>("HttpClient::Callback", reply.callback));
     }
     // No destination: the result is dropped.
 }
@@ -524,7 +526,7 @@ void HttpClient::on_notifyCaller_sync(const HttpClient::Result& result, HttpClie
 void HttpClient::setPushProperties(QObject* receiver, const char* slot, const HttpClientOptions& options)
 {
     TREL_ENTER("void HttpClient::setPushProperties(QObject*, const char*, const HttpClientOptions&)",
-               "Slot: " << (slot ? slot : ""));
+        "Slot: " << (slot ? slot : ""));
     pushOptions = options;
     pushReceiver = receiver;
     pushSlot = QByteArray(slot);
@@ -532,21 +534,21 @@ void HttpClient::setPushProperties(QObject* receiver, const char* slot, const Ht
 
 // Runs inside curl_multi_socket_action. Every push is accepted; libcurl adds
 // the pushed handle to the multi handle itself.
-int HttpClient::serverPushCallback(CURL* /*parent*/, CURL* easy, size_t /*num_headers*/,
-                                   curl_pushheaders* /*headers*/, void* userp)
+int HttpClient::serverPushCallback(
+    CURL* /*parent*/, CURL* easy, size_t /*num_headers*/, curl_pushheaders* /*headers*/, void* userp)
 {
     auto* const client = static_cast<HttpClient*>(userp);
     TREL_TRACE("Server push callback");
     // Captured now: a later setPushProperties does not redirect this push.
-    const Reply reply{client->pushReceiver, client->pushSlot, {}};
-    auto completion = [client, reply](HttpClientStatus status, long code, QByteArray body,
-                                      HttpClientHeaders headers) {
-        const HttpClientResult result{TrelUrl(), status, static_cast<int>(code), body, headers};
-        client->notifyCaller(reply, result, client->pushOptions.userData());
-    };
-    const auto transfer = QSharedPointer<HttpClientTransfer>::create(
-        static_cast<int>(client->httpVersion), static_cast<void*>(easy), static_cast<void*>(client->multi),
-        client->pushOptions, std::move(completion));
+    const Reply reply { client->pushReceiver, client->pushSlot, {} };
+    auto completion
+        = [client, reply](HttpClientStatus status, long code, QByteArray body, HttpClientHeaders headers) {
+              const HttpClientResult result { TrelUrl(), status, static_cast<int>(code), body, headers };
+              client->notifyCaller(reply, result, client->pushOptions.userData());
+          };
+    const auto transfer = QSharedPointer<HttpClientTransfer>::create(static_cast<int>(client->httpVersion),
+        static_cast<void*>(easy), static_cast<void*>(client->multi), client->pushOptions,
+        std::move(completion));
     client->transfers.insert(transfer->handle(), transfer);
     return CURL_PUSH_OK;
 }

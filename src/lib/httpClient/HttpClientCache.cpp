@@ -31,12 +31,11 @@ const HttpClientCacheEntry* HttpClientCache::retrieve(const TrelUrl& url)
 }
 
 bool HttpClientCache::tryCache(const TrelUrl& url, HttpClientStatus status, int code,
-                               const HttpClientHeaders& headers, const QByteArray& body)
+    const HttpClientHeaders& headers, const QByteArray& body)
 {
     TREL_ENTER("bool HttpClientCache::tryCache(const TrelUrl&, HttpClientStatus, int, "
                "const HttpClientHeaders&, const QByteArray&)",
-               "Url: " << url << " status: " << status << " code: " << code
-                       << " header: " << headers);
+        "Url: " << url << " status: " << status << " code: " << code << " header: " << headers);
     if (entries.maxCost() == 0 || !HttpClientCacheEntry::shouldCache(headers)) {
         return false;
     }

@@ -57,8 +57,7 @@ std::int64_t maxAgeLifetimeMs(QString directive)
 {
     directive.remove(QLatin1Char(' '));
     const std::int32_t seconds = directive.mid(8).toInt(nullptr, 10);
-    const std::int32_t product =
-        static_cast<std::int32_t>(static_cast<std::uint32_t>(seconds) * 1000u);
+    const std::int32_t product = static_cast<std::int32_t>(static_cast<std::uint32_t>(seconds) * 1000u);
     return static_cast<std::int64_t>(product);
 }
 
@@ -66,8 +65,8 @@ std::int64_t maxAgeLifetimeMs(QString directive)
 
 HttpClientCacheEntry::HttpClientCacheEntry() = default;
 
-HttpClientCacheEntry::HttpClientCacheEntry(HttpClientStatus status, int code,
-                                           const HttpClientHeaders& headers, const QByteArray& body)
+HttpClientCacheEntry::HttpClientCacheEntry(
+    HttpClientStatus status, int code, const HttpClientHeaders& headers, const QByteArray& body)
     : status(status)
     , code(code)
     , headers(headers)

@@ -28,7 +28,8 @@ HttpClientHeaders::HttpClientHeaders(const std::initializer_list<std::pair<QStri
 HttpClientHeaders::HttpClientHeaders(const QByteArray& rawBlock)
 {
     // Read as a C string: whatever follows a NUL byte is not part of the block.
-    const QByteArray text(rawBlock.constData(), static_cast<int>(qstrnlen(rawBlock.constData(), rawBlock.size())));
+    const QByteArray text(
+        rawBlock.constData(), static_cast<int>(qstrnlen(rawBlock.constData(), rawBlock.size())));
     QTextStream stream(text, QIODevice::ReadOnly);
     for (QString line = stream.readLine(); !line.isNull(); line = stream.readLine()) {
         const int colon = line.indexOf(QLatin1Char(':'));

@@ -1,7 +1,7 @@
 #include <trel/HttpClientOptions.h>
 
-const QSet<HttpClientOptions::HttpPostRedirFlags> HttpClientOptions::PostRedirAll = {
-    HttpClientOptions::PostRedir301, HttpClientOptions::PostRedir302, HttpClientOptions::PostRedir303};
+const QSet<HttpClientOptions::HttpPostRedirFlags> HttpClientOptions::PostRedirAll
+    = { HttpClientOptions::PostRedir301, HttpClientOptions::PostRedir302, HttpClientOptions::PostRedir303 };
 
 HttpClientOptions::HttpClientOptions() = default;
 

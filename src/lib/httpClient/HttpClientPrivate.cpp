@@ -4,40 +4,33 @@ HttpClientPrivate::Data::Data() = default;
 
 HttpClientPrivate::Data::Data(int number)
     : number(number)
-{
-}
+{ }
 
 HttpClientPrivate::Data::Data(const QString& text)
     : text(text)
-{
-}
+{ }
 
 HttpClientPrivate::Data::Data(const QVariant& variant)
     : variant(variant)
-{
-}
+{ }
 
 HttpClientPrivate::Data::Data(const CMRequest& request)
     : request(request)
-{
-}
+{ }
 
 HttpClientPrivate::Data::Data(const CMRequest& request, const CMRequest& secondRequest)
     : request(request)
     , secondRequest(secondRequest)
-{
-}
+{ }
 
 HttpClientPrivate::Data::Data(const CMRequest& request, const QVariant& variant)
     : request(request)
     , variant(variant)
-{
-}
+{ }
 
 HttpClientPrivate::Data::Data(const CMVoidReply& reply)
     : reply(reply)
-{
-}
+{ }
 
 // A duplicate deliberately leaves the reply behind: it carries the default one.
 HttpClientPrivate::Data::Data(const Data& other)
@@ -47,50 +40,41 @@ HttpClientPrivate::Data::Data(const Data& other)
     , request(other.request)
     , variant(other.variant)
     , secondRequest(other.secondRequest)
-{
-}
+{ }
 
 HttpClientPrivate::Data::~Data() = default;
 
 HttpClientPrivate::HttpClientPrivate()
     : d(new Data())
-{
-}
+{ }
 
 HttpClientPrivate::HttpClientPrivate(int number)
     : d(new Data(number))
-{
-}
+{ }
 
 HttpClientPrivate::HttpClientPrivate(const QString& text)
     : d(new Data(text))
-{
-}
+{ }
 
 HttpClientPrivate::HttpClientPrivate(const QVariant& variant)
     : d(new Data(variant))
-{
-}
+{ }
 
 HttpClientPrivate::HttpClientPrivate(const CMRequest& request)
     : d(new Data(request))
-{
-}
+{ }
 
 HttpClientPrivate::HttpClientPrivate(const CMRequest& request, const CMRequest& secondRequest)
     : d(new Data(request, secondRequest))
-{
-}
+{ }
 
 HttpClientPrivate::HttpClientPrivate(const CMRequest& request, const QVariant& variant)
     : d(new Data(request, variant))
-{
-}
+{ }
 
 HttpClientPrivate::HttpClientPrivate(const CMVoidReply& reply)
     : d(new Data(reply))
-{
-}
+{ }
 
 int HttpClientPrivate::getInt() const
 {
@@ -127,8 +111,7 @@ namespace {
 // Views the request as one kind: a handle to its data when the data is of that
 // kind's class, a null handle otherwise. The held copy keeps the data alive
 // while it is examined.
-template <typename Kind>
-Kind requestAs(const CMRequest& request)
+template <typename Kind> Kind requestAs(const CMRequest& request)
 {
     const CMRequest held = request;
     if (held.isNull()) {

@@ -6,8 +6,7 @@
 
 HttpClientQueue::HttpClientQueue(QObject* parent)
     : QObject(parent)
-{
-}
+{ }
 
 // Neither closes nor wakes: shared ownership guarantees no reader or producer
 // is left when this runs.

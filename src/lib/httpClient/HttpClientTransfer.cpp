@@ -91,8 +91,8 @@ QString HttpClientTransfer::File::fileName()
 // ---------------------------------------------------------------------------
 // Construction
 
-HttpClientTransfer::HttpClientTransfer(int httpVersion, const TrelUrl& url, int method,
-                                       const HttpClientOptions& options, Completion callback)
+HttpClientTransfer::HttpClientTransfer(
+    int httpVersion, const TrelUrl& url, int method, const HttpClientOptions& options, Completion callback)
     : QObject(nullptr)
     , url(url)
     , method(method)
@@ -106,8 +106,8 @@ HttpClientTransfer::HttpClientTransfer(int httpVersion, const TrelUrl& url, int 
     }
 }
 
-HttpClientTransfer::HttpClientTransfer(int /*httpVersion*/, void* pushedEasy, void* multi,
-                                       const HttpClientOptions& options, Completion callback)
+HttpClientTransfer::HttpClientTransfer(
+    int /*httpVersion*/, void* pushedEasy, void* multi, const HttpClientOptions& options, Completion callback)
     : QObject(nullptr)
     , easy(static_cast<CURL*>(pushedEasy))
     , method(0) // Get: a pushed stream never takes a body
@@ -237,8 +237,7 @@ QSharedPointer<curl_mime> HttpClientTransfer::newMime()
 
 bool HttpClientTransfer::setDataToUpload(const QByteArray& data)
 {
-    TREL_ENTER("bool HttpClientTransfer::setDataToUpload(const QByteArray&)",
-               "Data size: " << data.size());
+    TREL_ENTER("bool HttpClientTransfer::setDataToUpload(const QByteArray&)", "Data size: " << data.size());
     if (!acceptsBody()) {
         return false;
     }
@@ -252,7 +251,7 @@ bool HttpClientTransfer::setDataToUpload(const QByteArray& data)
 bool HttpClientTransfer::setDataToUpload(const QList<QPair<QString, QString>>& form)
 {
     TREL_ENTER("bool HttpClientTransfer::setDataToUpload(const QList<QPair<QString, QString> >&)",
-               "Form size: " << form.size());
+        "Form size: " << form.size());
     if (!acceptsBody()) {
         return false;
     }
@@ -278,7 +277,7 @@ bool HttpClientTransfer::setDataToUpload(const QList<QPair<QString, QString>>& f
 bool HttpClientTransfer::setDataToUpload(const QSharedPointer<File>& file)
 {
     TREL_ENTER("bool HttpClientTransfer::setDataToUpload(const QSharedPointer<HttpClientTransfer::File>&)",
-               "File: " << file->fileName());
+        "File: " << file->fileName());
     if (!acceptsBody()) {
         return false;
     }
@@ -309,8 +308,7 @@ bool HttpClientTransfer::setDataToUpload(const QSharedPointer<File>& file)
 
 bool HttpClientTransfer::setDataToUpload(const QSharedPointer<HttpClientQueue>& queue)
 {
-    TREL_ENTER("bool HttpClientTransfer::setDataToUpload(const QSharedPointer<HttpClientQueue>&)",
-               "Stream");
+    TREL_ENTER("bool HttpClientTransfer::setDataToUpload(const QSharedPointer<HttpClientQueue>&)", "Stream");
     if (!acceptsBody()) {
         return false;
     }
@@ -330,8 +328,8 @@ size_t HttpClientTransfer::streamReadCallback(void* buffer, size_t size, size_t 
         return 0;
     }
     // Blocks the client's thread while the queue is open and empty.
-    const int got = static_cast<HttpClientQueue*>(queue)->read(static_cast<char*>(buffer),
-                                                               static_cast<int>(room));
+    const int got
+        = static_cast<HttpClientQueue*>(queue)->read(static_cast<char*>(buffer), static_cast<int>(room));
     TREL_TRACE("Stream read size: " << got);
     if (got > 0) {
         return static_cast<size_t>(got);
@@ -346,8 +344,8 @@ size_t HttpClientTransfer::streamReadCallback(void* buffer, size_t size, size_t 
 size_t HttpClientTransfer::curlWriteHeader(void* data, size_t size, size_t count, void* receiveBuffer)
 {
     const size_t n = size * count;
-    static_cast<ReceiveBuffer*>(receiveBuffer)->headerBlock.append(static_cast<const char*>(data),
-                                                                   static_cast<int>(n));
+    static_cast<ReceiveBuffer*>(receiveBuffer)
+        ->headerBlock.append(static_cast<const char*>(data), static_cast<int>(n));
     return n;
 }
 
@@ -360,7 +358,7 @@ size_t HttpClientTransfer::curlWriteFunc(void* data, size_t size, size_t count, 
     if (static_cast<std::uint64_t>(current) + n > static_cast<std::uint64_t>(buffer->sizeLimit)) {
         const std::int64_t room = buffer->sizeLimit - current;
         TREL_ERROR("CURL data: not enough space in buffer, trimmed by "
-                   << (static_cast<std::int64_t>(n) - room) << " bytes!");
+            << (static_cast<std::int64_t>(n) - room) << " bytes!");
         n = static_cast<std::uint64_t>(room);
     }
     buffer->body.append(static_cast<const char*>(data), static_cast<int>(n));
@@ -450,8 +448,8 @@ void HttpClientTransfer::cancel()
     reportCompletion(HttpClientStatus::Error, -1, QByteArray(), HttpClientHeaders());
 }
 
-void HttpClientTransfer::reportCompletion(HttpClientStatus status, long code, const QByteArray& body,
-                                          const HttpClientHeaders& headers)
+void HttpClientTransfer::reportCompletion(
+    HttpClientStatus status, long code, const QByteArray& body, const HttpClientHeaders& headers)
 {
     callback(status, code, body, headers); // an empty callback throws std::bad_function_call
 }

@@ -26,13 +26,13 @@ inline log4cplus::Logger libraryLogger()
 
 // Each source file defines `kLogFile` (its path without extension) and
 // `logger` (a static log4cplus::Logger named "HttpClient") before using these.
-#define TREL_LOG(level, message)                                                                   \
-    do {                                                                                           \
-        if (logger.isEnabledFor(level)) {                                                          \
-            std::ostringstream trelLogStream_;                                                     \
-            trelLogStream_ << message;                                                             \
-            logger.forcedLog(level, trelLogStream_.str(), kLogFile, __LINE__, __func__);           \
-        }                                                                                          \
+#define TREL_LOG(level, message)                                                                             \
+    do {                                                                                                     \
+        if (logger.isEnabledFor(level)) {                                                                    \
+            std::ostringstream trelLogStream_;                                                               \
+            trelLogStream_ << message;                                                                       \
+            logger.forcedLog(level, trelLogStream_.str(), kLogFile, __LINE__, __func__);                     \
+        }                                                                                                    \
     } while (false)
 
 #define TREL_TRACE(message) TREL_LOG(log4cplus::TRACE_LOG_LEVEL, message)
@@ -42,9 +42,9 @@ inline log4cplus::Logger libraryLogger()
 
 // "Enter <label>: <message>", where the label is the platform's name for the
 // operation's full signature.
-#define TREL_ENTER(signature, message)                                                             \
+#define TREL_ENTER(signature, message)                                                                       \
     TREL_TRACE("Enter " << dbglog_scopedFunction(signature, "HttpClient") << ": " << message)
 
 // A contract check that stays on in every build type and names the condition.
-#define TREL_ASSERT(condition)                                                                     \
+#define TREL_ASSERT(condition)                                                                               \
     ((condition) ? static_cast<void>(0) : qt_assert(#condition, kLogFile, __LINE__))
