@@ -375,9 +375,15 @@ TEST_F(HttpClientRequest, StalledServerWithATimeoutIsTimeout)
         return response;
     });
     options.setTimeoutMs(300);
+    LogCapture capture;
     client.get(url("/stall"), options, results.callback());
     ASSERT_TRUE(results.waitFor(1));
     EXPECT_EQ(results.received[0].status, HttpClientStatus::Timeout);
+    // A failed GET is still offered to the cache, which decides by the headers.
+    const std::string offered = "Enter bool HttpClientCache::tryCache(const TrelUrl&, HttpClientStatus, int, "
+                                "const HttpClientHeaders&, const QByteArray&): Url: "
+        + url("/stall").toString().toStdString() + " status: Timeout code: 0 header: ";
+    EXPECT_TRUE(capture.contains(log4cplus::TRACE_LOG_LEVEL, offered));
 }
 
 TEST_F(HttpClientRequest, BodyOverTheLimitIsErrorWithTheTruncatedBody)

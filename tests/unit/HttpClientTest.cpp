@@ -6,6 +6,7 @@
 
 #include "CurlOptionRecorder.h"
 #include "LogCapture.h"
+#include "ResultReceiver.h"
 #include "WaitFor.h"
 
 #include <gtest/gtest.h>
@@ -35,6 +36,7 @@ public:
     static void releaseTimeout(HttpClient& c) { c.on_writeNotifiersBlocked_timeout(); }
     static QObject* pushReceiver(HttpClient& c) { return c.pushReceiver; }
     static QByteArray pushSlot(HttpClient& c) { return c.pushSlot; }
+    static bool hasTransfer(HttpClient& c, void* id) { return c.transfers.contains(id); }
 };
 
 namespace {
@@ -383,6 +385,86 @@ TEST(HttpClientPush, SetPushPropertiesStoresAndLogsTheSlot)
     EXPECT_TRUE(capture.contains(log4cplus::TRACE_LOG_LEVEL,
         "Enter void HttpClient::setPushProperties(QObject*, const char*, "
         "const HttpClientOptions&): Slot: "));
+}
+
+// A pushed stream as libcurl hands it over: an easy handle the client adopts.
+// The client's table owns it from then on and cleans it up with its transfer.
+CURL* acceptPush(HttpClient& client)
+{
+    CURL* const easy = curl_easy_init();
+    EXPECT_NE(easy, nullptr);
+    EXPECT_EQ(HttpClient::serverPushCallback(nullptr, easy, 0, nullptr, &client), CURL_PUSH_OK);
+    return easy;
+}
+
+HttpClientOptions pushOptionsWithNumber(int number)
+{
+    HttpClientOptions options;
+    options.setUserData(HttpClientPrivate(number));
+    return options;
+}
+
+TEST(HttpClientPush, EveryPushIsAcceptedAsItsOwnTransfer)
+{
+    HttpClient client(nullptr, HttpClient::Http2);
+    trel::test::ResultReceiver receiver;
+    client.setPushProperties(&receiver, "onResult", pushOptionsWithNumber(1));
+    LogCapture capture;
+    // Two pushes of the same resource are not merged or refused.
+    CURL* const first = acceptPush(client);
+    CURL* const second = acceptPush(client);
+    EXPECT_EQ(capture.count("Server push callback"), 2);
+    EXPECT_EQ(Access::transferCount(client), 2);
+    EXPECT_TRUE(Access::hasTransfer(client, first));
+    EXPECT_TRUE(Access::hasTransfer(client, second));
+    // Cancelling a pushed stream by its handle reports to the push receiver.
+    EXPECT_TRUE(client.cancel(first));
+    EXPECT_TRUE(client.cancel(second));
+    ASSERT_TRUE(trel::test::waitFor([&] { return receiver.count() == 2; }));
+    trel::test::spinEventLoop(20);
+    ASSERT_EQ(receiver.count(), 2);
+    for (const auto& result : receiver.results()) {
+        EXPECT_TRUE(result.url.isEmpty());
+        EXPECT_EQ(result.status, static_cast<int>(HttpClientStatus::Error));
+        EXPECT_EQ(result.code, -1);
+        EXPECT_EQ(result.context.getInt(), 1);
+    }
+}
+
+TEST(HttpClientPush, ReceiverIsFixedAtAcceptanceAndUserDataAtCompletion)
+{
+    trel::test::ResultReceiver before;
+    trel::test::ResultReceiver after;
+    {
+        HttpClient client(nullptr, HttpClient::Http2);
+        client.setPushProperties(&before, "onResult", pushOptionsWithNumber(1));
+        acceptPush(client);
+        acceptPush(client);
+        client.setPushProperties(&after, "onResult", pushOptionsWithNumber(2));
+        // Destroying the client ends both pushes; each still reports once.
+    }
+    ASSERT_TRUE(trel::test::waitFor([&] { return before.count() == 2; }));
+    trel::test::spinEventLoop(20);
+    EXPECT_EQ(before.count(), 2);
+    EXPECT_EQ(after.count(), 0);
+    for (const auto& result : before.results()) {
+        EXPECT_TRUE(result.url.isEmpty());
+        EXPECT_EQ(result.status, static_cast<int>(HttpClientStatus::Error));
+        EXPECT_EQ(result.code, -1);
+        EXPECT_EQ(result.context.getInt(), 2);
+    }
+}
+
+TEST(HttpClientPush, PushAcceptedBeforeAnyPropertiesIsDroppedQuietly)
+{
+    trel::test::ResultReceiver receiver;
+    HttpClient client(nullptr, HttpClient::Http2);
+    CURL* const easy = acceptPush(client);
+    client.setPushProperties(&receiver, "onResult", HttpClientOptions());
+    EXPECT_TRUE(client.cancel(easy));
+    trel::test::spinEventLoop(50);
+    EXPECT_EQ(receiver.count(), 0);
+    EXPECT_EQ(Access::transferCount(client), 0);
 }
 
 TEST(HttpClientCacheControl, SetCacheSizeAndClearForwardToTheCache)
