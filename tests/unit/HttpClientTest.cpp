@@ -404,6 +404,18 @@ HttpClientOptions pushOptionsWithNumber(int number)
     return options;
 }
 
+// A cancelled push reports Error/-1 with no URL (a push has none of its own)
+// and the push options' user data, here a number.
+void expectCancelledPushes(const trel::test::ResultReceiver& receiver, int userNumber)
+{
+    for (const auto& result : receiver.results()) {
+        EXPECT_TRUE(result.url.isEmpty());
+        EXPECT_EQ(result.status, static_cast<int>(HttpClientStatus::Error));
+        EXPECT_EQ(result.code, -1);
+        EXPECT_EQ(result.context.getInt(), userNumber);
+    }
+}
+
 TEST(HttpClientPush, EveryPushIsAcceptedAsItsOwnTransfer)
 {
     HttpClient client(nullptr, HttpClient::Http2);
@@ -423,12 +435,7 @@ TEST(HttpClientPush, EveryPushIsAcceptedAsItsOwnTransfer)
     ASSERT_TRUE(trel::test::waitFor([&] { return receiver.count() == 2; }));
     trel::test::spinEventLoop(20);
     ASSERT_EQ(receiver.count(), 2);
-    for (const auto& result : receiver.results()) {
-        EXPECT_TRUE(result.url.isEmpty());
-        EXPECT_EQ(result.status, static_cast<int>(HttpClientStatus::Error));
-        EXPECT_EQ(result.code, -1);
-        EXPECT_EQ(result.context.getInt(), 1);
-    }
+    expectCancelledPushes(receiver, 1);
 }
 
 TEST(HttpClientPush, ReceiverIsFixedAtAcceptanceAndUserDataAtCompletion)
@@ -447,12 +454,7 @@ TEST(HttpClientPush, ReceiverIsFixedAtAcceptanceAndUserDataAtCompletion)
     trel::test::spinEventLoop(20);
     EXPECT_EQ(before.count(), 2);
     EXPECT_EQ(after.count(), 0);
-    for (const auto& result : before.results()) {
-        EXPECT_TRUE(result.url.isEmpty());
-        EXPECT_EQ(result.status, static_cast<int>(HttpClientStatus::Error));
-        EXPECT_EQ(result.code, -1);
-        EXPECT_EQ(result.context.getInt(), 2);
-    }
+    expectCancelledPushes(before, 2);
 }
 
 TEST(HttpClientPush, PushAcceptedBeforeAnyPropertiesIsDroppedQuietly)
