@@ -217,6 +217,23 @@ ReadOutcome readNow(HttpClientQueue& queue, int maxSize)
     return reader.outcome();
 }
 
+// One read that must answer at once with exactly `expected`, leaving every byte
+// past the room untouched.
+::testing::AssertionResult readsNow(HttpClientQueue& queue, int maxSize, const QByteArray& expected)
+{
+    const ReadOutcome outcome = readNow(queue, maxSize);
+    if (outcome.result != expected.size() || outcome.bytes != expected) {
+        return ::testing::AssertionFailure()
+            << "read(" << maxSize << ") returned " << outcome.result << " bytes \""
+            << outcome.bytes.constData() << "\", expected " << expected.size() << " bytes \""
+            << expected.constData() << "\"";
+    }
+    if (!outcome.guardIntact) {
+        return ::testing::AssertionFailure() << "read(" << maxSize << ") wrote past its room";
+    }
+    return ::testing::AssertionSuccess();
+}
+
 // Runs one producer call on a thread other than the reader's and joins it.
 template <typename Push> void pushFromAnotherThread(Push push)
 {
@@ -320,14 +337,9 @@ TEST(HttpClientQueue, FollowingChunksAreTakenWholeOnlyWhileTheyFitWithRoomToSpar
     ASSERT_TRUE(queue.append("hijkl"));
 
     // 3 + 4 leaves 3 bytes of room, which is not more than the 5-byte chunk.
-    ReadOutcome outcome = readNow(queue, 10);
-    EXPECT_EQ(outcome.result, 7);
-    EXPECT_EQ(outcome.bytes, QByteArray("abcdefg"));
-    EXPECT_TRUE(outcome.guardIntact);
+    EXPECT_TRUE(readsNow(queue, 10, "abcdefg"));
 
-    outcome = readNow(queue, 10);
-    EXPECT_EQ(outcome.result, 5);
-    EXPECT_EQ(outcome.bytes, QByteArray("hijkl"));
+    EXPECT_TRUE(readsNow(queue, 10, "hijkl"));
 }
 
 TEST(HttpClientQueue, FollowingChunkThatWouldFillTheRoomExactlyWaitsForTheNextRead)
@@ -337,13 +349,9 @@ TEST(HttpClientQueue, FollowingChunkThatWouldFillTheRoomExactlyWaitsForTheNextRe
     ASSERT_TRUE(queue.append("defghij"));
 
     // 7 bytes of room left after the first chunk are not strictly more than 7.
-    ReadOutcome outcome = readNow(queue, 10);
-    EXPECT_EQ(outcome.result, 3);
-    EXPECT_EQ(outcome.bytes, QByteArray("abc"));
+    EXPECT_TRUE(readsNow(queue, 10, "abc"));
 
-    outcome = readNow(queue, 10);
-    EXPECT_EQ(outcome.result, 7);
-    EXPECT_EQ(outcome.bytes, QByteArray("defghij"));
+    EXPECT_TRUE(readsNow(queue, 10, "defghij"));
 }
 
 TEST(HttpClientQueue, FollowingChunkOneByteShorterThanTheRoomLeftIsTaken)
@@ -355,13 +363,9 @@ TEST(HttpClientQueue, FollowingChunkOneByteShorterThanTheRoomLeftIsTaken)
 
     // 7 bytes of room take the 6-byte chunk; the single byte left is not more
     // than the 1-byte chunk behind it.
-    ReadOutcome outcome = readNow(queue, 10);
-    EXPECT_EQ(outcome.result, 9);
-    EXPECT_EQ(outcome.bytes, QByteArray("abcdefghi"));
+    EXPECT_TRUE(readsNow(queue, 10, "abcdefghi"));
 
-    outcome = readNow(queue, 10);
-    EXPECT_EQ(outcome.result, 1);
-    EXPECT_EQ(outcome.bytes, QByteArray("j"));
+    EXPECT_TRUE(readsNow(queue, 10, "j"));
 }
 
 TEST(HttpClientQueue, FollowingChunkIsNeverSplitEvenWhenPartOfItWouldFit)
@@ -370,20 +374,12 @@ TEST(HttpClientQueue, FollowingChunkIsNeverSplitEvenWhenPartOfItWouldFit)
     ASSERT_TRUE(queue.append("ab"));
     ASSERT_TRUE(queue.append("0123456789ABCDEF"));
 
-    ReadOutcome outcome = readNow(queue, 10);
-    EXPECT_EQ(outcome.result, 2);
-    EXPECT_EQ(outcome.bytes, QByteArray("ab"));
-    EXPECT_TRUE(outcome.guardIntact);
+    EXPECT_TRUE(readsNow(queue, 10, "ab"));
 
     // Now first in line, the long chunk is split like any first chunk.
-    outcome = readNow(queue, 10);
-    EXPECT_EQ(outcome.result, 10);
-    EXPECT_EQ(outcome.bytes, QByteArray("0123456789"));
-    EXPECT_TRUE(outcome.guardIntact);
+    EXPECT_TRUE(readsNow(queue, 10, "0123456789"));
 
-    outcome = readNow(queue, 10);
-    EXPECT_EQ(outcome.result, 6);
-    EXPECT_EQ(outcome.bytes, QByteArray("ABCDEF"));
+    EXPECT_TRUE(readsNow(queue, 10, "ABCDEF"));
 }
 
 TEST(HttpClientQueue, ChunkLargerThanTheRoomIsSplitAndItsRestIsReadNext)
@@ -392,24 +388,14 @@ TEST(HttpClientQueue, ChunkLargerThanTheRoomIsSplitAndItsRestIsReadNext)
     ASSERT_TRUE(queue.append("abcdefghij"));
     ASSERT_TRUE(queue.append("XY"));
 
-    ReadOutcome outcome = readNow(queue, 4);
-    EXPECT_EQ(outcome.result, 4);
-    EXPECT_EQ(outcome.bytes, QByteArray("abcd"));
-    EXPECT_TRUE(outcome.guardIntact);
+    EXPECT_TRUE(readsNow(queue, 4, "abcd"));
 
-    outcome = readNow(queue, 4);
-    EXPECT_EQ(outcome.result, 4);
-    EXPECT_EQ(outcome.bytes, QByteArray("efgh"));
-    EXPECT_TRUE(outcome.guardIntact);
+    EXPECT_TRUE(readsNow(queue, 4, "efgh"));
 
     // The 2-byte rest leaves 2 bytes of room, not more than the 2-byte chunk.
-    outcome = readNow(queue, 4);
-    EXPECT_EQ(outcome.result, 2);
-    EXPECT_EQ(outcome.bytes, QByteArray("ij"));
+    EXPECT_TRUE(readsNow(queue, 4, "ij"));
 
-    outcome = readNow(queue, 4);
-    EXPECT_EQ(outcome.result, 2);
-    EXPECT_EQ(outcome.bytes, QByteArray("XY"));
+    EXPECT_TRUE(readsNow(queue, 4, "XY"));
 }
 
 TEST(HttpClientQueue, RestOfASplitChunkIsCombinedWithWholeChunksBehindIt)
@@ -419,12 +405,8 @@ TEST(HttpClientQueue, RestOfASplitChunkIsCombinedWithWholeChunksBehindIt)
     ASSERT_TRUE(queue.append("gh"));
     ASSERT_TRUE(queue.append("ij"));
 
-    ReadOutcome outcome = readNow(queue, 4);
-    EXPECT_EQ(outcome.bytes, QByteArray("abcd"));
-
-    outcome = readNow(queue, 10);
-    EXPECT_EQ(outcome.result, 6);
-    EXPECT_EQ(outcome.bytes, QByteArray("efghij"));
+    EXPECT_TRUE(readsNow(queue, 4, "abcd"));
+    EXPECT_TRUE(readsNow(queue, 10, "efghij"));
 }
 
 TEST(HttpClientQueue, ExactlyConsumedChunkLeavesAnEmptyRestThatTheNextReadReturnsAsZero)
@@ -432,10 +414,7 @@ TEST(HttpClientQueue, ExactlyConsumedChunkLeavesAnEmptyRestThatTheNextReadReturn
     HttpClientQueue queue;
     ASSERT_TRUE(queue.append("0123456789"));
 
-    ReadOutcome outcome = readNow(queue, 10);
-    EXPECT_EQ(outcome.result, 10);
-    EXPECT_EQ(outcome.bytes, QByteArray("0123456789"));
-    EXPECT_TRUE(outcome.guardIntact);
+    EXPECT_TRUE(readsNow(queue, 10, "0123456789"));
 
     // The empty rest is still queued: the next read returns 0 at once although
     // the queue is open and holds no bytes.
@@ -465,9 +444,7 @@ TEST(HttpClientQueue, ReadThatConsumesTheEmptyRestTakesTheChunksBehindIt)
 
     EXPECT_EQ(readNow(queue, 10).result, 10);
 
-    const ReadOutcome outcome = readNow(queue, 10);
-    EXPECT_EQ(outcome.result, 5);
-    EXPECT_EQ(outcome.bytes, QByteArray("abcde"));
+    EXPECT_TRUE(readsNow(queue, 10, "abcde"));
 }
 
 TEST(HttpClientQueue, EmptyRestFollowedByAChunkThatFillsTheRoomReturnsZero)
@@ -482,9 +459,7 @@ TEST(HttpClientQueue, EmptyRestFollowedByAChunkThatFillsTheRoomReturnsZero)
     ReadOutcome outcome = readNow(queue, 10);
     EXPECT_EQ(outcome.result, 0);
 
-    outcome = readNow(queue, 10);
-    EXPECT_EQ(outcome.result, 10);
-    EXPECT_EQ(outcome.bytes, QByteArray("ABCDEFGHIJ"));
+    EXPECT_TRUE(readsNow(queue, 10, "ABCDEFGHIJ"));
 }
 
 TEST(HttpClientQueue, SingleByteRoomSplitsEveryChunkAndYieldsAZeroAfterEachOne)
@@ -536,9 +511,7 @@ TEST(HttpClientQueue, SeveralEmptyChunksGoInOneRead)
     ASSERT_TRUE(queue.prepend(QByteArray()));
     ASSERT_TRUE(queue.append("z"));
 
-    const ReadOutcome outcome = readNow(queue, 2);
-    EXPECT_EQ(outcome.result, 1);
-    EXPECT_EQ(outcome.bytes, QByteArray("z"));
+    EXPECT_TRUE(readsNow(queue, 2, "z"));
 }
 
 TEST(HttpClientQueue, EmptyChunkBetweenDataIsTakenAlongWithIt)
@@ -548,9 +521,7 @@ TEST(HttpClientQueue, EmptyChunkBetweenDataIsTakenAlongWithIt)
     ASSERT_TRUE(queue.append(QByteArray()));
     ASSERT_TRUE(queue.append("cd"));
 
-    const ReadOutcome outcome = readNow(queue, 10);
-    EXPECT_EQ(outcome.result, 4);
-    EXPECT_EQ(outcome.bytes, QByteArray("abcd"));
+    EXPECT_TRUE(readsNow(queue, 10, "abcd"));
 }
 
 TEST(HttpClientQueue, PrependPutsTheChunkBeforeTheQueuedOnes)
@@ -576,12 +547,8 @@ TEST(HttpClientQueue, PrependGoesInFrontOfThePartlyReadRestOfAChunk)
     ASSERT_TRUE(queue.prepend("XY"));
 
     // "XY" leaves 1 byte of room, too little for the 4-byte rest.
-    ReadOutcome outcome = readNow(queue, 3);
-    EXPECT_EQ(outcome.result, 2);
-    EXPECT_EQ(outcome.bytes, QByteArray("XY"));
-
-    outcome = readNow(queue, 10);
-    EXPECT_EQ(outcome.bytes, QByteArray("cdef"));
+    EXPECT_TRUE(readsNow(queue, 3, "XY"));
+    EXPECT_TRUE(readsNow(queue, 10, "cdef"));
 }
 
 TEST(HttpClientQueue, PushesAfterCloseAreRefusedAndDropped)
@@ -595,9 +562,7 @@ TEST(HttpClientQueue, PushesAfterCloseAreRefusedAndDropped)
     EXPECT_FALSE(queue.append(QByteArray()));
     EXPECT_FALSE(queue.isOpened());
 
-    const ReadOutcome outcome = readNow(queue, 100);
-    EXPECT_EQ(outcome.result, 3);
-    EXPECT_EQ(outcome.bytes, QByteArray("abc"));
+    EXPECT_TRUE(readsNow(queue, 100, "abc"));
     EXPECT_EQ(readNow(queue, 100).result, -1);
 }
 
@@ -623,9 +588,7 @@ TEST(HttpClientQueue, QueuedDataIsStillReadAfterCloseThenEveryReadReturnsMinusOn
     ASSERT_TRUE(queue.append("12345"));
     queue.close();
 
-    const ReadOutcome outcome = readNow(queue, 100);
-    EXPECT_EQ(outcome.result, 5);
-    EXPECT_EQ(outcome.bytes, QByteArray("12345"));
+    EXPECT_TRUE(readsNow(queue, 100, "12345"));
 
     for (int i = 0; i < 3; ++i) {
         EXPECT_EQ(readNow(queue, 100).result, -1) << "read " << i << " after the queue drained";
