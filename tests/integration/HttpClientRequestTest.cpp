@@ -367,6 +367,38 @@ TEST_F(HttpClientRequest, UnresolvableHostIsResolveError)
     EXPECT_EQ(results.received[0].status, HttpClientStatus::ResolveError);
 }
 
+// Bad input is a result, never a crash or a silent loss: libcurl refuses these
+// before any connection, and each request still reports once.
+TEST_F(HttpClientRequest, UnusableUrlsEndInOneErrorResultEach)
+{
+    const std::vector<TrelUrl> urls = {
+        TrelUrl(),
+        TrelUrl::fromEncoded("unknownscheme://127.0.0.1/x"),
+        TrelUrl::fromEncoded("http://[::1/x"),
+    };
+    for (const TrelUrl& bad : urls) {
+        EXPECT_NE(client.get(bad, options, results.callback()), nullptr) << bad.toString().toStdString();
+    }
+    ASSERT_TRUE(results.waitFor(urls.size()));
+    trel::test::spinEventLoop(50);
+    ASSERT_EQ(results.received.size(), urls.size());
+    QList<QByteArray> expectedUrls;
+    QList<QByteArray> receivedUrls;
+    for (size_t i = 0; i < urls.size(); ++i) {
+        expectedUrls.append(urls[i].toEncoded());
+        const HttpClientResult& result = results.received[i];
+        receivedUrls.append(result.url.toEncoded());
+        EXPECT_EQ(result.status, HttpClientStatus::Error) << result.url.toString().toStdString();
+        EXPECT_EQ(result.code, 0);
+        EXPECT_TRUE(result.body.isEmpty());
+        EXPECT_FALSE(result.headers.contains("X-TrelEfectiveUrl"));
+    }
+    std::sort(expectedUrls.begin(), expectedUrls.end());
+    std::sort(receivedUrls.begin(), receivedUrls.end());
+    EXPECT_EQ(receivedUrls, expectedUrls);
+    EXPECT_EQ(server().requestCount(), 0);
+}
+
 TEST_F(HttpClientRequest, StalledServerWithATimeoutIsTimeout)
 {
     server().setHandler([](const RecordedRequest&) {
