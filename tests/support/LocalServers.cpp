@@ -293,20 +293,6 @@ QString NginxServer::accessLog() const
     return readAll(prefix->path() + QStringLiteral("/access.log"));
 }
 
-int NginxServer::distinctConnectionsInAccessLog() const
-{
-    QSet<QString> connections;
-    for (const QString& line : accessLog().split(QLatin1Char('\n'), Qt::SkipEmptyParts)) {
-        connections.insert(line.section(QLatin1Char(' '), 0, 0));
-    }
-    return connections.size();
-}
-
-int NginxServer::requestsInAccessLog() const
-{
-    return accessLog().split(QLatin1Char('\n'), Qt::SkipEmptyParts).size();
-}
-
 // ---------------------------------------------------------------------------
 
 bool NghttpdServer::start()

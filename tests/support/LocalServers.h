@@ -74,9 +74,6 @@ public:
     void writeFile(const QString& relativePath, const QByteArray& content);
 
     QString accessLog() const;
-    // Distinct connections ($connection) among the logged requests.
-    int distinctConnectionsInAccessLog() const;
-    int requestsInAccessLog() const;
 
 private:
     bool writeConfig(const Options& options);
