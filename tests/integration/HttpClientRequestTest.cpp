@@ -367,14 +367,14 @@ TEST_F(HttpClientRequest, UnresolvableHostIsResolveError)
     EXPECT_EQ(results.received[0].status, HttpClientStatus::ResolveError);
 }
 
-// Bad input is a result, never a crash or a silent loss: libcurl refuses these
-// before any connection, and each request still reports once.
+// Bad input is a result, never a crash or a silent loss: libcurl refuses an
+// empty URL and an unknown scheme before any connection, and each request
+// still reports once.
 TEST_F(HttpClientRequest, UnusableUrlsEndInOneErrorResultEach)
 {
     const std::vector<TrelUrl> urls = {
         TrelUrl(),
         TrelUrl::fromEncoded("unknownscheme://127.0.0.1/x"),
-        TrelUrl::fromEncoded("http://[::1/x"),
     };
     for (const TrelUrl& bad : urls) {
         EXPECT_NE(client.get(bad, options, results.callback()), nullptr) << bad.toString().toStdString();

@@ -130,9 +130,9 @@ TEST_F(Nginx, StreamWithLongPausesArrivesIntactThroughNginx)
     ASSERT_TRUE(results.waitFor(2));
     EXPECT_EQ(results.received[1].code, 200);
     EXPECT_EQ(results.received[1].body.size(), 1024);
-    // nginx logs a request after answering it; the first field is its connection.
+    // The first field of a log line is its connection.
     const auto connectionOf = [&](const QString& request) {
-        const QStringList lines = nginx->accessLog().split('\n', Qt::SkipEmptyParts).filter(request);
+        const QStringList lines = nginx->accessLogLines(request);
         return lines.size() == 1 ? lines[0].section(' ', 0, 0) : QString();
     };
     ASSERT_TRUE(waitFor([&] {
@@ -144,10 +144,6 @@ TEST_F(Nginx, StreamWithLongPausesArrivesIntactThroughNginx)
 TEST_F(Nginx, TwoHundredSequentialRequestsReuseOneConnection)
 {
     HttpClient client;
-    // nginx writes its log line after the response has gone out, so lines of
-    // earlier tests may still arrive: only this test's marked requests count.
-    const auto linesOfThisTest
-        = [&] { return nginx->accessLog().split('\n', Qt::SkipEmptyParts).filter("/files/1k?reuse="); };
     int done = 0;
     std::function<void()> next = [&] {
         const TrelUrl url = TrelUrl::fromEncoded(nginx->url("/files/1k?reuse=" + QByteArray::number(done)));
@@ -160,9 +156,9 @@ TEST_F(Nginx, TwoHundredSequentialRequestsReuseOneConnection)
     };
     next();
     ASSERT_TRUE(waitFor([&] { return done == 200; }, 30000));
-    ASSERT_TRUE(waitFor([&] { return linesOfThisTest().size() == 200; }));
+    ASSERT_TRUE(waitFor([&] { return nginx->accessLogLines("/files/1k?reuse=").size() == 200; }));
     QSet<QString> connections;
-    for (const QString& line : linesOfThisTest()) {
+    for (const QString& line : nginx->accessLogLines("/files/1k?reuse=")) {
         connections.insert(line.section(' ', 0, 0));
     }
     EXPECT_EQ(connections.size(), 1);
@@ -181,20 +177,16 @@ TEST_F(Nginx, CacheableResponseIsServedFromTheCacheOnTheSecondRound)
 {
     HttpClient client;
     client.setCacheSize(1 << 20);
-    // A marked URL: nginx logs a request after answering it, so a line of an
-    // earlier test may still arrive while this one runs.
     const TrelUrl url = TrelUrl::fromEncoded(nginx->url("/cache/1k?marker=second-round"));
-    const auto linesOfThisTest
-        = [&] { return nginx->accessLog().split('\n', Qt::SkipEmptyParts).filter("marker=second-round"); };
     EXPECT_NE(client.get(url, options, results.callback()), nullptr);
     ASSERT_TRUE(results.waitFor(1));
     EXPECT_EQ(client.get(url, options, results.callback()), nullptr);
     ASSERT_TRUE(results.waitFor(2));
     EXPECT_EQ(results.received[1].body, results.received[0].body);
     EXPECT_EQ(results.received[1].headers.value("Cache-Control", QString()), "max-age=60");
-    ASSERT_TRUE(waitFor([&] { return linesOfThisTest().size() == 1; }));
+    ASSERT_TRUE(waitFor([&] { return nginx->accessLogLines("marker=second-round").size() == 1; }));
     trel::test::spinEventLoop(50);
-    EXPECT_EQ(linesOfThisTest().size(), 1);
+    EXPECT_EQ(nginx->accessLogLines("marker=second-round").size(), 1);
 }
 
 // ---------------------------------------------------------------------------

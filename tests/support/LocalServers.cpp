@@ -293,6 +293,11 @@ QString NginxServer::accessLog() const
     return readAll(prefix->path() + QStringLiteral("/access.log"));
 }
 
+QStringList NginxServer::accessLogLines(const QString& text) const
+{
+    return accessLog().split(QLatin1Char('\n'), Qt::SkipEmptyParts).filter(text);
+}
+
 // ---------------------------------------------------------------------------
 
 bool NghttpdServer::start()

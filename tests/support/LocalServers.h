@@ -74,6 +74,9 @@ public:
     void writeFile(const QString& relativePath, const QByteArray& content);
 
     QString accessLog() const;
+    // The access-log lines that contain `text`. nginx writes a request's line
+    // after answering it, so tests match lines of their own marked URLs.
+    QStringList accessLogLines(const QString& text) const;
 
 private:
     bool writeConfig(const Options& options);
