@@ -338,7 +338,6 @@ TEST(HttpClientQueue, FollowingChunksAreTakenWholeOnlyWhileTheyFitWithRoomToSpar
 
     // 3 + 4 leaves 3 bytes of room, which is not more than the 5-byte chunk.
     EXPECT_TRUE(readsNow(queue, 10, "abcdefg"));
-
     EXPECT_TRUE(readsNow(queue, 10, "hijkl"));
 }
 
@@ -350,7 +349,6 @@ TEST(HttpClientQueue, FollowingChunkThatWouldFillTheRoomExactlyWaitsForTheNextRe
 
     // 7 bytes of room left after the first chunk are not strictly more than 7.
     EXPECT_TRUE(readsNow(queue, 10, "abc"));
-
     EXPECT_TRUE(readsNow(queue, 10, "defghij"));
 }
 
@@ -364,7 +362,6 @@ TEST(HttpClientQueue, FollowingChunkOneByteShorterThanTheRoomLeftIsTaken)
     // 7 bytes of room take the 6-byte chunk; the single byte left is not more
     // than the 1-byte chunk behind it.
     EXPECT_TRUE(readsNow(queue, 10, "abcdefghi"));
-
     EXPECT_TRUE(readsNow(queue, 10, "j"));
 }
 
@@ -378,7 +375,6 @@ TEST(HttpClientQueue, FollowingChunkIsNeverSplitEvenWhenPartOfItWouldFit)
 
     // Now first in line, the long chunk is split like any first chunk.
     EXPECT_TRUE(readsNow(queue, 10, "0123456789"));
-
     EXPECT_TRUE(readsNow(queue, 10, "ABCDEF"));
 }
 
@@ -389,12 +385,10 @@ TEST(HttpClientQueue, ChunkLargerThanTheRoomIsSplitAndItsRestIsReadNext)
     ASSERT_TRUE(queue.append("XY"));
 
     EXPECT_TRUE(readsNow(queue, 4, "abcd"));
-
     EXPECT_TRUE(readsNow(queue, 4, "efgh"));
 
     // The 2-byte rest leaves 2 bytes of room, not more than the 2-byte chunk.
     EXPECT_TRUE(readsNow(queue, 4, "ij"));
-
     EXPECT_TRUE(readsNow(queue, 4, "XY"));
 }
 
