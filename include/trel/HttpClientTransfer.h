@@ -99,6 +99,7 @@ private:
     };
 
     bool acceptsBody();
+    void resumeUpload();
     void configure(int httpVersion);
     void installReceiveCallbacks();
     void reportCompletion(

@@ -19,6 +19,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <fstream>
+#include <functional>
 #include <iterator>
 #include <limits>
 #include <string>
@@ -912,6 +913,161 @@ TEST(HttpClientQueue, ConcurrentProducersChunksArriveWholeAndInEachProducersOrde
     EXPECT_EQ(stream.size(), expectedBytes);
     EXPECT_TRUE(everyProducersFramesArrivedWholeAndInOrder(stream));
     RecordProperty("zeroLengthReads", zeroResults);
+}
+
+// ---------------------------------------------------------------------------
+// The transfer's side: readAvailable never blocks, and the watcher wakes it.
+
+int readAvailable(HttpClientQueue& queue, int maxSize, QByteArray* bytes = nullptr)
+{
+    std::vector<char> buffer(static_cast<size_t>(maxSize));
+    const int got = queue.readAvailable(buffer.data(), maxSize);
+    if (bytes) {
+        *bytes = got > 0 ? QByteArray(buffer.data(), got) : QByteArray();
+    }
+    return got;
+}
+
+TEST(HttpClientQueueReadAvailable, OpenAndEmptyAnswersZeroAtOnceClosedAndDrainedMinusOne)
+{
+    HttpClientQueue queue;
+    EXPECT_EQ(readAvailable(queue, 10), 0);
+    queue.append("abc");
+    queue.close();
+    QByteArray bytes;
+    EXPECT_EQ(readAvailable(queue, 10, &bytes), 3);
+    EXPECT_EQ(bytes, "abc");
+    EXPECT_EQ(readAvailable(queue, 10), -1);
+    EXPECT_EQ(readAvailable(queue, 10), -1);
+}
+
+TEST(HttpClientQueueReadAvailable, EmptyChunksAndEmptyRestsAreSkippedNeverReadAsZero)
+{
+    HttpClientQueue queue;
+    queue.append(QByteArray());
+    queue.append("0123456789");
+    queue.append(QByteArray());
+    queue.append(QByteArray());
+    queue.append("abc");
+    QByteArray bytes;
+    EXPECT_EQ(readAvailable(queue, 10, &bytes), 10); // takes the chunk exactly to its end
+    EXPECT_EQ(bytes, "0123456789");
+    EXPECT_EQ(readAvailable(queue, 10, &bytes), 3); // the empty rest and chunks carried nothing
+    EXPECT_EQ(bytes, "abc");
+    queue.append(QByteArray());
+    EXPECT_EQ(readAvailable(queue, 10), 0); // open, and nothing but an empty chunk
+    queue.close();
+    EXPECT_EQ(readAvailable(queue, 10), -1);
+}
+
+TEST(HttpClientQueueReadAvailable, KeepsTheSplitAndWholeChunkRulesOfRead)
+{
+    HttpClientQueue queue;
+    queue.append("abcdefghij");
+    queue.append("XYZ");
+    queue.append("1234567");
+    QByteArray bytes;
+    EXPECT_EQ(readAvailable(queue, 4, &bytes), 4);
+    EXPECT_EQ(bytes, "abcd");
+    EXPECT_EQ(readAvailable(queue, 10, &bytes), 9); // the rest, then XYZ with room to spare
+    EXPECT_EQ(bytes, "efghijXYZ");
+    EXPECT_EQ(readAvailable(queue, 10, &bytes), 7);
+    EXPECT_EQ(bytes, "1234567");
+}
+
+TEST(HttpClientQueueReadAvailable, WatcherRunsQueuedOnItsContextOnceAfterAZeroRead)
+{
+    HttpClientQueue queue;
+    QObject context;
+    int woken = 0;
+    queue.setReadyWatcher(&context, [&] { ++woken; });
+    queue.append("not armed yet");
+    trel::test::spinEventLoop(10);
+    EXPECT_EQ(woken, 0); // nobody had found the queue empty
+
+    QByteArray bytes;
+    EXPECT_EQ(readAvailable(queue, 100, &bytes), 13);
+    EXPECT_EQ(readAvailable(queue, 100), 0); // arms the watcher
+    std::thread([&] {
+        queue.append("one");
+        queue.append("two");
+    }).join();
+    EXPECT_EQ(woken, 0); // never inline in the producer's call
+    ASSERT_TRUE(trel::test::waitFor([&] { return woken == 1; }));
+    trel::test::spinEventLoop(10);
+    EXPECT_EQ(woken, 1); // one wake-up per zero read, however many pushes follow
+
+    EXPECT_EQ(readAvailable(queue, 100, &bytes), 6);
+    EXPECT_EQ(readAvailable(queue, 100), 0);
+    std::thread([&] { queue.close(); }).join();
+    ASSERT_TRUE(trel::test::waitFor([&] { return woken == 2; })); // close wakes too
+    EXPECT_EQ(readAvailable(queue, 100), -1);
+}
+
+TEST(HttpClientQueueReadAvailable, ClearedWatcherIsNeverCalledAndOnlyItsOwnContextClearsIt)
+{
+    HttpClientQueue queue;
+    QObject context;
+    QObject stranger;
+    int woken = 0;
+    queue.setReadyWatcher(&context, [&] { ++woken; });
+    EXPECT_EQ(readAvailable(queue, 10), 0);
+    queue.clearReadyWatcher(&stranger); // not its watcher: stays
+    queue.append("a");
+    ASSERT_TRUE(trel::test::waitFor([&] { return woken == 1; }));
+
+    EXPECT_EQ(readAvailable(queue, 10), 1);
+    EXPECT_EQ(readAvailable(queue, 10), 0);
+    queue.clearReadyWatcher(&context);
+    queue.append("b");
+    trel::test::spinEventLoop(20);
+    EXPECT_EQ(woken, 1);
+}
+
+// A reader on this thread that only ever uses readAvailable and the watcher,
+// fed by four producers: every byte arrives once and in each producer's order,
+// and the reader's thread is never blocked (it is the event loop that drives it).
+TEST(HttpClientQueueReadAvailable, FourProducersFeedANonBlockingReader)
+{
+    HttpClientQueue queue;
+    QObject context;
+    std::vector<char> buffer(777);
+    std::string stream;
+    bool ended = false;
+    const std::function<void()> drain = [&] {
+        for (;;) {
+            const int got = queue.readAvailable(buffer.data(), static_cast<int>(buffer.size()));
+            if (got > 0) {
+                stream.append(buffer.data(), static_cast<size_t>(got));
+                continue;
+            }
+            ended = got < 0;
+            return; // 0: the watcher calls drain again after the next push
+        }
+    };
+    queue.setReadyWatcher(&context, drain);
+    std::atomic<int> running { producerCount };
+    std::vector<std::thread> producers;
+    for (int producer = 0; producer < producerCount; ++producer) {
+        producers.emplace_back([&, producer] {
+            for (int sequence = 0; sequence < chunksPerProducer; ++sequence) {
+                if (sequence % 7 == 0) {
+                    queue.append(QByteArray()); // carries nothing, ends nothing
+                }
+                queue.append(frame(producer, sequence));
+            }
+            if (--running == 0) {
+                queue.close();
+            }
+        });
+    }
+    drain();
+    const bool done = trel::test::waitFor([&] { return ended; }, 60000);
+    for (auto& producer : producers) {
+        producer.join();
+    }
+    ASSERT_TRUE(done);
+    EXPECT_TRUE(everyProducersFramesArrivedWholeAndInOrder(stream));
 }
 
 } // namespace

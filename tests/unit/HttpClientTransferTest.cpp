@@ -7,6 +7,7 @@
 
 #include "CurlOptionRecorder.h"
 #include "LogCapture.h"
+#include "WaitFor.h"
 
 #include <gtest/gtest.h>
 
@@ -16,6 +17,7 @@
 
 #include <cstdlib>
 #include <memory>
+#include <thread>
 #include <vector>
 
 // Reads the transfer's private state; declared a friend by HttpClientTransfer.
@@ -350,6 +352,54 @@ TEST(HttpClientTransferBodies, StreamReadCallbackPassesBytesAndEndsAtClose)
     EXPECT_TRUE(capture.contains(log4cplus::TRACE_LOG_LEVEL, "Stream read size: 3"));
     EXPECT_TRUE(capture.contains(log4cplus::TRACE_LOG_LEVEL, "Stream read size: -1"));
     EXPECT_EQ(capture.count("End of stream reached"), 1);
+}
+
+// With nothing to send the callback pauses the upload instead of waiting, and
+// never hands libcurl a 0 before the queue is closed and drained.
+TEST(HttpClientTransferBodies, StreamReadCallbackPausesWhileTheQueueIsOpenAndEmpty)
+{
+    HttpClientQueue queue;
+    char buffer[16];
+    EXPECT_EQ(HttpClientTransfer::streamReadCallback(buffer, 1, sizeof(buffer), &queue),
+        static_cast<size_t>(CURL_READFUNC_PAUSE));
+    queue.append(QByteArray());
+    queue.append("abcd");
+    queue.append(QByteArray());
+    EXPECT_EQ(HttpClientTransfer::streamReadCallback(buffer, 1, 4, &queue), 4u);
+    EXPECT_EQ(QByteArray(buffer, 4), "abcd");
+    EXPECT_EQ(HttpClientTransfer::streamReadCallback(buffer, 1, sizeof(buffer), &queue),
+        static_cast<size_t>(CURL_READFUNC_PAUSE));
+    queue.close();
+    EXPECT_EQ(HttpClientTransfer::streamReadCallback(buffer, 1, sizeof(buffer), &queue), 0u);
+}
+
+// A push into the queue of a paused upload wakes its transfer through the event
+// loop; a transfer that is gone is never woken.
+TEST(HttpClientTransferBodies, PushIntoAPausedStreamIsDeliveredToTheTransfersEventLoop)
+{
+    CURLM* const multi = curl_multi_init();
+    TransferFactory factory;
+    auto transfer = factory.make(HttpClient::Post);
+    auto queue = QSharedPointer<HttpClientQueue>::create(nullptr);
+    ASSERT_TRUE(transfer->setDataToUpload(queue));
+    transfer->start(multi);
+    char buffer[16];
+    ASSERT_EQ(HttpClientTransfer::streamReadCallback(buffer, 1, sizeof(buffer), queue.data()),
+        static_cast<size_t>(CURL_READFUNC_PAUSE));
+    LogCapture capture;
+    std::thread([queue] { queue->append("x"); }).join();
+    EXPECT_EQ(capture.countPrefix(log4cplus::TRACE_LOG_LEVEL, "Stream data ready"), 0); // queued, not inline
+    ASSERT_TRUE(trel::test::waitFor(
+        [&] { return capture.countPrefix(log4cplus::TRACE_LOG_LEVEL, "Stream data ready") == 1; }));
+
+    ASSERT_EQ(HttpClientTransfer::streamReadCallback(buffer, 1, sizeof(buffer), queue.data()), 1u);
+    ASSERT_EQ(HttpClientTransfer::streamReadCallback(buffer, 1, sizeof(buffer), queue.data()),
+        static_cast<size_t>(CURL_READFUNC_PAUSE));
+    transfer.reset(); // cancelled, and its watcher cleared
+    queue->append("y");
+    trel::test::spinEventLoop(20);
+    EXPECT_EQ(capture.countPrefix(log4cplus::TRACE_LOG_LEVEL, "Stream data ready"), 1);
+    curl_multi_cleanup(multi);
 }
 
 // ---------------------------------------------------------------------------

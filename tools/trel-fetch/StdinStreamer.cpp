@@ -11,13 +11,9 @@
 namespace trelfetch {
 namespace {
 
-// Smaller than libcurl's 64 KiB upload buffer and no divisor of it. The queue
-// leaves an empty remainder when a read takes a chunk exactly to its end, and the
-// next read then returns 0, which libcurl takes as the end of the body: with
-// 64 KiB chunks an HTTP/2 upload stopped after 128 KiB. Small odd-sized chunks
-// make that coincidence rare (it can still happen when libcurl asks for exactly
-// what is left of a chunk).
-constexpr int kChunkSize = 16000;
+// What one read of standard input takes at most; any size works, since empty
+// or exactly consumed chunks never end the upload.
+constexpr int kChunkSize = 64 * 1024;
 // How often a producer waiting for input looks whether it should stop.
 constexpr int kStopCheckMs = 100;
 

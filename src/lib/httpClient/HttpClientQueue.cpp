@@ -1,5 +1,6 @@
 #include <trel/HttpClientQueue.h>
 
+#include <QMetaObject>
 #include <QMutexLocker>
 
 #include <cstring>
@@ -19,7 +20,7 @@ bool HttpClientQueue::append(const QByteArray& chunk)
         return false;
     }
     chunks.append(chunk);
-    condition.wakeAll();
+    wakeLocked();
     return true;
 }
 
@@ -30,7 +31,7 @@ bool HttpClientQueue::prepend(const QByteArray& chunk)
         return false;
     }
     chunks.prepend(chunk);
-    condition.wakeAll();
+    wakeLocked();
     return true;
 }
 
@@ -43,7 +44,29 @@ int HttpClientQueue::read(char* data, int maxSize)
     if (chunks.isEmpty()) {
         return -1; // closed and drained
     }
+    return takeLocked(data, maxSize);
+}
 
+int HttpClientQueue::readAvailable(char* data, int maxSize)
+{
+    QMutexLocker locker(&mutex);
+    // An empty chunk carries nothing; handing it on as 0 would end the body.
+    while (!chunks.isEmpty() && chunks.first().isEmpty()) {
+        chunks.removeFirst();
+    }
+    if (!chunks.isEmpty()) {
+        return takeLocked(data, maxSize);
+    }
+    if (!opened) {
+        return -1;
+    }
+    watcherArmed = true; // checked and armed under one lock: no push can slip between
+    return 0;
+}
+
+// Takes from a non-empty list under the lock.
+int HttpClientQueue::takeLocked(char* data, int maxSize)
+{
     const QByteArray first = chunks.takeFirst();
     if (maxSize <= first.size()) {
         std::memcpy(data, first.constData(), static_cast<size_t>(maxSize));
@@ -68,11 +91,40 @@ void HttpClientQueue::close()
 {
     QMutexLocker locker(&mutex);
     opened = false;
-    condition.wakeAll();
+    wakeLocked();
 }
 
 bool HttpClientQueue::isOpened()
 {
     QMutexLocker locker(&mutex);
     return opened;
+}
+
+void HttpClientQueue::setReadyWatcher(QObject* context, std::function<void()> onReady)
+{
+    QMutexLocker locker(&mutex);
+    watcherContext = context;
+    watcherOnReady = std::move(onReady);
+    watcherArmed = false;
+}
+
+void HttpClientQueue::clearReadyWatcher(const QObject* context)
+{
+    QMutexLocker locker(&mutex);
+    if (watcherContext == context) {
+        watcherContext = nullptr;
+        watcherOnReady = nullptr;
+        watcherArmed = false;
+    }
+}
+
+// Under the lock, so a watcher cleared by its context's destructor is never
+// posted to afterwards; Qt drops events already posted to a destroyed context.
+void HttpClientQueue::wakeLocked()
+{
+    condition.wakeAll();
+    if (watcherArmed && watcherContext) {
+        watcherArmed = false;
+        QMetaObject::invokeMethod(watcherContext, watcherOnReady, Qt::QueuedConnection);
+    }
 }

@@ -207,6 +207,10 @@ HttpClientTransfer::~HttpClientTransfer()
     if (activeMulti) {
         cancel(); // an active transfer still reports to its caller
     }
+    if (uploadStream) {
+        // Before the QObject base goes: no producer may post to this object later.
+        uploadStream->clearReadyWatcher(this);
+    }
     // The easy handle goes before the header list and the bodies it points at.
     easy.reset();
     headerList.reset();
@@ -312,7 +316,12 @@ bool HttpClientTransfer::setDataToUpload(const QSharedPointer<HttpClientQueue>& 
     if (!acceptsBody()) {
         return false;
     }
+    if (uploadStream) {
+        uploadStream->clearReadyWatcher(this);
+    }
     uploadStream = queue;
+    // Producers wake a paused upload through this object's event loop.
+    uploadStream->setReadyWatcher(this, [this] { resumeUpload(); });
     curl_easy_setopt(easy.get(), CURLOPT_READFUNCTION, &HttpClientTransfer::streamReadCallback);
     curl_easy_setopt(easy.get(), CURLOPT_READDATA, uploadStream.data());
     // Unknown length: chunked over HTTP/1.1, plain DATA frames over HTTP/2, so
@@ -321,21 +330,35 @@ bool HttpClientTransfer::setDataToUpload(const QSharedPointer<HttpClientQueue>& 
     return true;
 }
 
+// Runs on the client's thread inside libcurl. Never waits for the producer:
+// with nothing to send it pauses the upload, and the queue's watcher resumes it.
 size_t HttpClientTransfer::streamReadCallback(void* buffer, size_t size, size_t count, void* queue)
 {
     const size_t room = size * count;
     if (room == 0) {
         return 0;
     }
-    // Blocks the client's thread while the queue is open and empty.
-    const int got
-        = static_cast<HttpClientQueue*>(queue)->read(static_cast<char*>(buffer), static_cast<int>(room));
+    const int got = static_cast<HttpClientQueue*>(queue)->readAvailable(
+        static_cast<char*>(buffer), static_cast<int>(room));
     TREL_TRACE("Stream read size: " << got);
     if (got > 0) {
         return static_cast<size_t>(got);
     }
+    if (got == 0) {
+        return CURL_READFUNC_PAUSE;
+    }
     TREL_DEBUG("End of stream reached");
     return 0;
+}
+
+// Queued from a producer's append, prepend or close; runs on the client's thread.
+void HttpClientTransfer::resumeUpload()
+{
+    if (!activeMulti) {
+        return; // finished or cancelled meanwhile
+    }
+    TREL_TRACE("Stream data ready, resuming [" << easy.get() << "]");
+    curl_easy_pause(easy.get(), CURLPAUSE_CONT);
 }
 
 // ---------------------------------------------------------------------------
