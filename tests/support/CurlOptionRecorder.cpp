@@ -33,6 +33,8 @@ bool isStringOption(int option)
     case CURLOPT_URL:
     case CURLOPT_CUSTOMREQUEST:
     case CURLOPT_ACCEPT_ENCODING:
+    case CURLOPT_PROTOCOLS_STR:
+    case CURLOPT_REDIR_PROTOCOLS_STR:
         return true;
     default:
         return false;

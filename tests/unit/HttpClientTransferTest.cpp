@@ -104,6 +104,11 @@ TEST(HttpClientTransferConfig, DefaultsFollowFiveRedirectsNoTimeoutCompressionAn
     EXPECT_EQ(easyOption(*transfer, CURLOPT_TCP_KEEPIDLE), 60);
     EXPECT_EQ(easyOption(*transfer, CURLOPT_TCP_KEEPINTVL), 60);
     EXPECT_EQ(curlOptions::easy(transfer->handle(), CURLOPT_URL)->text, "http://127.0.0.1:9/");
+    // Only http and https, also after a redirect.
+    ASSERT_TRUE(curlOptions::easy(transfer->handle(), CURLOPT_PROTOCOLS_STR));
+    EXPECT_EQ(curlOptions::easy(transfer->handle(), CURLOPT_PROTOCOLS_STR)->text, "http,https");
+    ASSERT_TRUE(curlOptions::easy(transfer->handle(), CURLOPT_REDIR_PROTOCOLS_STR));
+    EXPECT_EQ(curlOptions::easy(transfer->handle(), CURLOPT_REDIR_PROTOCOLS_STR)->text, "http,https");
     const auto encoding = curlOptions::easy(transfer->handle(), CURLOPT_ACCEPT_ENCODING);
     ASSERT_TRUE(encoding);
     EXPECT_EQ(encoding->text, "");

@@ -19,6 +19,7 @@ constexpr int kMethodPatch = 5;
 constexpr int kHttpVersion2 = 1;
 
 const char* const kEffectiveUrlHeader = "X-TrelEfectiveUrl";
+const char* const kAllowedProtocols = "http,https";
 
 long postRedirectMask(const QSet<HttpClientOptions::HttpPostRedirFlags>& flags)
 {
@@ -150,6 +151,10 @@ void HttpClientTransfer::configure(int httpVersion)
     }
 
     curl_easy_setopt(handle, CURLOPT_URL, url.toEncoded().constData());
+    // A URL or a redirect naming file:, ftp:, gopher: and the like must never
+    // reach libcurl's other protocol handlers.
+    curl_easy_setopt(handle, CURLOPT_PROTOCOLS_STR, kAllowedProtocols);
+    curl_easy_setopt(handle, CURLOPT_REDIR_PROTOCOLS_STR, kAllowedProtocols);
     installReceiveCallbacks();
     curl_easy_setopt(handle, CURLOPT_NOSIGNAL, 1L);
 
