@@ -15,6 +15,7 @@
 #include <QList>
 #include <QObject>
 #include <QPair>
+#include <QPointer>
 #include <QSet>
 #include <QSharedPointer>
 #include <QSocketNotifier>
@@ -27,10 +28,11 @@
 #include <functional>
 
 // An asynchronous HTTP client for the thread that owns it and runs its Qt event
-// loop. Every request call returns at once with an id (the transfer's curl easy
-// handle, null when no transfer runs) and exactly one result arrives later, in
-// a following turn of the event loop, through a queued slot or a callback.
-// Everything here, libcurl's callbacks included, runs on the owning thread.
+// loop. Every request call returns at once with an id (opaque, never issued
+// twice by one client; null when no transfer runs) and exactly one result
+// arrives later, in a following turn of the event loop, through a queued slot
+// or a callback. Everything here, libcurl's callbacks included, runs on the
+// owning thread; a call made from any other thread is refused.
 class TREL_HTTP_CLIENT_EXPORT HttpClient : public QObject
 {
     Q_OBJECT
@@ -61,9 +63,15 @@ public:
     // or a callback run on the client's thread.
     struct Reply
     {
-        QObject* receiver = nullptr; // not owned, not watched
+        // Not owned, but watched: a receiver deleted before its result arrives
+        // only loses that result.
+        QPointer<QObject> receiver;
         QByteArray slot; // the bare method name, used unchanged
         Callback callback;
+        bool toReceiver = false; // a receiver was given (it may be gone since)
+
+        static Reply toSlot(QObject* receiver, const char* slot);
+        static Reply toCallback(Callback callback);
     };
 
     explicit HttpClient(QObject* parent = nullptr, HttpVersion version = Http1, bool encodePlusSign = false);
@@ -92,8 +100,9 @@ public:
         const HttpClientOptions& options);
     void* patch(
         const TrelUrl& url, const QByteArray& data, const HttpClientOptions& options, Callback callback);
-    // The queue is read on this client's thread and blocks it while open and
-    // empty: feed it from another thread and close it at the end.
+    // The queue is read on this client's thread without ever blocking it: while
+    // the queue is open and empty the upload pauses, and the next append,
+    // prepend or close resumes it. Close the queue to end the body.
     void* postStream(const TrelUrl& url, QSharedPointer<HttpClientQueue> queue, QObject* receiver,
         const char* slot, const HttpClientOptions& options);
     void* postStream(const TrelUrl& url, QSharedPointer<HttpClientQueue> queue,
@@ -108,6 +117,7 @@ public:
         const TrelUrl& url, const QByteArray& data, const HttpClientOptions& options, Callback callback);
 
     // True when a live transfer had this id; its caller then gets Error/-1.
+    // A finished, unknown or stale id gives false and touches nothing.
     bool cancel(void* id);
 
     void setCacheSize(size_t size);
@@ -150,12 +160,16 @@ private:
     QSharedPointer<QSocketNotifier> makeNotifier(curl_socket_t socket, QSocketNotifier::Type type);
     void blockWriteNotifier(int socket);
     void harvestFinishedTransfers();
+    void* registerTransfer(const QSharedPointer<HttpClientTransfer>& transfer);
+    QSharedPointer<HttpClientTransfer> takeTransfer(void* id);
+    // Logs and answers false when called off the client's thread.
+    bool onOwnThread(const char* operation) const;
 
     CURLM* multi = nullptr;
     QTimer timer;
     HttpVersion httpVersion;
     bool encodePlusSign;
-    QObject* pushReceiver = nullptr;
+    QPointer<QObject> pushReceiver; // watched like any receiver
     QByteArray pushSlot;
     HttpClientOptions pushOptions;
     QHash<int, QSharedPointer<QSocketNotifier>> readNotifiers;
@@ -165,7 +179,10 @@ private:
     // their write notifiers are not throttled.
     QSet<int> writeWantedSockets;
     QTimer writeNotifiersBlocked;
+    // Keyed by request id; pushed transfers get ids of their own.
     QHash<void*, QSharedPointer<HttpClientTransfer>> transfers;
+    QHash<void*, void*> idsByHandle; // curl easy handle -> request id, for harvesting
+    quintptr lastRequestId = 0;
     HttpClientCache cache;
 };
 

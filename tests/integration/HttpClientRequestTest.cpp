@@ -4,6 +4,7 @@
 
 #include <trel/HttpClient.h>
 
+#include "HeldProducer.h"
 #include "LogCapture.h"
 #include "LoopbackServer.h"
 #include "ResultReceiver.h"
@@ -23,6 +24,7 @@
 #include <map>
 #include <memory>
 #include <random>
+#include <set>
 #include <thread>
 
 namespace {
@@ -271,24 +273,94 @@ TEST_F(HttpClientRequest, QueueClosedBeforeAnyByteSendsAnEmptyBody)
     EXPECT_GE(capture.count("End of stream reached"), 1);
 }
 
-// The queue hands an empty chunk at its head to the reader as a read of 0 bytes,
-// and libcurl takes 0 as the end of the body: whatever is queued behind it is
-// never sent, although the queue is still open. The same happens when a read
-// takes a chunk exactly to its end (over HTTP/2 with 64 KiB chunks the body was
-// cut after 128 KiB); producers avoid it with small odd-sized, non-empty chunks.
-TEST_F(HttpClientRequest, EmptyChunkAtTheHeadOfTheQueueEndsTheStreamedBody)
+// Empty chunks, and reads that take a chunk exactly to its end, carry nothing
+// and never end the body: only a closed and drained queue does.
+TEST_F(HttpClientRequest, ExactSizedAndEmptyChunksArriveWhole)
 {
+    const QList<QByteArray> chunks = trel::test::exactSizedChunksWithEmptyOnes(21);
     auto queue = QSharedPointer<HttpClientQueue>::create(nullptr);
-    queue->append(QByteArray());
-    queue->append(QByteArray(1024 * 1024, 'x')); // larger than any read libcurl asks for
-    LogCapture capture(log4cplus::TRACE_LOG_LEVEL);
-    client.postStream(url("/echo"), queue, options, results.callback());
+    for (const QByteArray& chunk : chunks) {
+        queue->append(chunk);
+    }
+    queue->close();
+    client.postStream(url("/sink"), queue, options, results.callback());
     ASSERT_TRUE(results.waitFor(1));
     EXPECT_EQ(results.received[0].status, HttpClientStatus::OK);
-    EXPECT_TRUE(onlyRequest().body.isEmpty()) << onlyRequest().body.size();
-    EXPECT_EQ(capture.count("Stream read size: 0"), 1);
-    EXPECT_TRUE(queue->isOpened());
-    queue->close();
+    const QByteArray received = onlyRequest().body;
+    EXPECT_EQ(received.size(), trel::test::joined(chunks).size());
+    EXPECT_EQ(trel::test::sha256(received), trel::test::sha256(trel::test::joined(chunks)));
+}
+
+// With the producer held, the client's thread keeps serving everything else.
+TEST_F(HttpClientRequest, HeldProducerNeverBlocksTheClientsThread)
+{
+    auto queue = QSharedPointer<HttpClientQueue>::create(nullptr);
+    trel::test::HeldProducer producer(queue, { "first;" }, { "", "second;", "third" });
+    client.postStream(url("/echo"), queue, options, results.callback());
+    ASSERT_TRUE(waitFor([&] { return producer.holding() && server().connectionCount() >= 1; }));
+
+    bool posted = false;
+    QMetaObject::invokeMethod(
+        qApp, [&] { posted = true; }, Qt::QueuedConnection);
+    Results other;
+    client.get(url("/meanwhile"), options, other.callback());
+    ASSERT_TRUE(other.waitFor(1));
+    EXPECT_TRUE(posted);
+    EXPECT_FALSE(producer.gaveUp()) << "the client's thread was stuck until the producer gave up";
+    EXPECT_EQ(other.received[0].status, HttpClientStatus::OK);
+    EXPECT_TRUE(results.received.empty());
+
+    producer.release();
+    ASSERT_TRUE(results.waitFor(1));
+    EXPECT_EQ(results.received[0].status, HttpClientStatus::OK);
+    EXPECT_EQ(results.received[0].body, "first;second;third");
+}
+
+TEST_F(HttpClientRequest, HeldProducerIsEndedByTheRequestTimeout)
+{
+    auto queue = QSharedPointer<HttpClientQueue>::create(nullptr);
+    trel::test::HeldProducer producer(queue, { "only this" }, {});
+    options.setTimeoutMs(300);
+    client.postStream(url("/echo"), queue, options, results.callback());
+    ASSERT_TRUE(results.waitFor(1));
+    EXPECT_FALSE(producer.gaveUp());
+    EXPECT_EQ(results.received[0].status, HttpClientStatus::Timeout);
+    producer.release();
+    trel::test::spinEventLoop(50);
+    EXPECT_EQ(results.received.size(), 1u);
+}
+
+TEST_F(HttpClientRequest, HeldProducerIsEndedByCancelAndByDestroyingTheClient)
+{
+    auto cancelled = QSharedPointer<HttpClientQueue>::create(nullptr);
+    auto orphaned = QSharedPointer<HttpClientQueue>::create(nullptr);
+    trel::test::HeldProducer first(cancelled, { "a" }, { "late" });
+    trel::test::HeldProducer second(orphaned, { "b" }, { "late" });
+    // A callback's result dies with its client, a slot's does not: the upload
+    // ended by the client's destruction reports to a receiver.
+    ResultReceiver receiver;
+    {
+        HttpClient doomed;
+        void* const id = doomed.postStream(url("/echo"), cancelled, options, results.callback());
+        doomed.postStream(url("/echo"), orphaned, &receiver, "onResult", options);
+        ASSERT_TRUE(
+            waitFor([&] { return first.holding() && second.holding() && server().connectionCount() >= 2; }));
+        EXPECT_TRUE(doomed.cancel(id));
+        ASSERT_TRUE(results.waitFor(1));
+    }
+    ASSERT_TRUE(waitFor([&] { return receiver.count() == 1; }));
+    EXPECT_FALSE(first.gaveUp());
+    EXPECT_FALSE(second.gaveUp());
+    EXPECT_EQ(results.received[0].status, HttpClientStatus::Error);
+    EXPECT_EQ(results.received[0].code, -1);
+    EXPECT_EQ(receiver.results()[0].status, static_cast<int>(HttpClientStatus::Error));
+    EXPECT_EQ(receiver.results()[0].code, -1);
+    // Pushes after the end wake nobody and deliver nothing more.
+    first.release();
+    second.release();
+    trel::test::spinEventLoop(50);
+    EXPECT_EQ(results.received.size(), 1u);
+    EXPECT_EQ(receiver.count(), 1);
 }
 
 // ---------------------------------------------------------------------------
@@ -397,6 +469,39 @@ TEST_F(HttpClientRequest, UnusableUrlsEndInOneErrorResultEach)
     std::sort(receivedUrls.begin(), receivedUrls.end());
     EXPECT_EQ(receivedUrls, expectedUrls);
     EXPECT_EQ(server().requestCount(), 0);
+}
+
+// Only http and https are spoken: a file is never read, and other protocol
+// handlers of libcurl are never reached, neither directly nor by a redirect.
+TEST_F(HttpClientRequest, OtherSchemesEndInErrorWithoutReadingAnything)
+{
+    options.setTimeoutMs(5000);
+    const QByteArray port = QByteArray::number(server().port());
+    const std::vector<TrelUrl> urls = {
+        TrelUrl::fromEncoded("file:///etc/passwd"),
+        TrelUrl::fromEncoded("ftp://127.0.0.1:" + port + "/x"),
+        TrelUrl::fromEncoded("gopher://127.0.0.1:" + port + "/x"),
+    };
+    for (const TrelUrl& other : urls) {
+        client.get(other, options, results.callback());
+    }
+    ASSERT_TRUE(results.waitFor(urls.size()));
+    for (const HttpClientResult& result : results.received) {
+        EXPECT_EQ(result.status, HttpClientStatus::Error) << result.url.toString().toStdString();
+        EXPECT_EQ(result.code, 0);
+        EXPECT_TRUE(result.body.isEmpty()) << result.body.left(40).toStdString();
+    }
+}
+
+TEST_F(HttpClientRequest, RedirectToAnotherSchemeIsRefused)
+{
+    server().setHandler(
+        [](const RecordedRequest&) { return ScriptedResponse::redirect(302, "file:///etc/passwd"); });
+    client.get(url("/to-file"), options, results.callback());
+    ASSERT_TRUE(results.waitFor(1));
+    EXPECT_EQ(results.received[0].status, HttpClientStatus::Error);
+    EXPECT_FALSE(results.received[0].body.contains("root:"));
+    EXPECT_EQ(server().requestCount(), 1);
 }
 
 TEST_F(HttpClientRequest, StalledServerWithATimeoutIsTimeout)
@@ -632,6 +737,62 @@ TEST_F(HttpClientRequest, FreshCachedGetIsAnsweredWithoutATransferAfterTheCallRe
 // ---------------------------------------------------------------------------
 // Cancellation and teardown
 
+// The cache keys by URL alone, so responses that belong to one user or one
+// variant of a request are kept out of it.
+TEST_F(HttpClientRequest, CredentialedRequestsNeitherFillNorUseTheCache)
+{
+    server().setHandler([](const RecordedRequest& request) {
+        return ScriptedResponse::ok("for " + request.header("Authorization") + request.header("Cookie"))
+            .addHeader("Cache-Control", "max-age=60");
+    });
+    client.setCacheSize(4096);
+    HttpClientOptions withAuthorization = options;
+    withAuthorization.setHeaders(HttpClientHeaders { { "Authorization", "Bearer alice" } });
+    HttpClientOptions withCookie = options;
+    withCookie.setHeaders(HttpClientHeaders { { "cookie", "session=alice" } });
+
+    client.get(url("/private"), withAuthorization, results.callback());
+    ASSERT_TRUE(results.waitFor(1));
+    client.get(url("/private"), withCookie, results.callback());
+    ASSERT_TRUE(results.waitFor(2));
+    EXPECT_NE(client.get(url("/private"), options, results.callback()), nullptr); // nothing was stored
+    ASSERT_TRUE(results.waitFor(3));
+    EXPECT_EQ(results.received[2].body, "for ");
+    // Now an anonymous response is stored, and still not served to credentials.
+    EXPECT_NE(client.get(url("/private"), withAuthorization, results.callback()), nullptr);
+    ASSERT_TRUE(results.waitFor(4));
+    EXPECT_EQ(results.received[3].body, "for Bearer alice");
+    EXPECT_EQ(client.get(url("/private"), options, results.callback()), nullptr);
+    ASSERT_TRUE(results.waitFor(5));
+    EXPECT_EQ(results.received[4].body, "for ");
+    EXPECT_EQ(server().requestCount(), 4);
+}
+
+TEST_F(HttpClientRequest, ResponsesThatVaryAreNotStoredUnlessOnlyByEncoding)
+{
+    server().setHandler([](const RecordedRequest& request) {
+        const QByteArray vary = request.target.mid(request.target.indexOf('=') + 1).replace("%20", " ");
+        return ScriptedResponse::ok("varies")
+            .addHeader("Cache-Control", "max-age=60")
+            .addHeader("Vary", vary);
+    });
+    client.setCacheSize(4096);
+    const QList<QPair<QByteArray, bool>> cases = {
+        { "Accept", false },
+        { "accept-encoding", true },
+        { "Accept-Encoding,%20Accept", false },
+        { "*", false },
+    };
+    for (const auto& [vary, stored] : cases) {
+        const TrelUrl target = url("/vary?v=" + vary);
+        client.get(target, options, results.callback());
+        ASSERT_TRUE(results.waitFor(results.received.size() + 1));
+        const bool fromCache = client.get(target, options, results.callback()) == nullptr;
+        ASSERT_TRUE(results.waitFor(results.received.size() + 1));
+        EXPECT_EQ(fromCache, stored) << vary.toStdString();
+    }
+}
+
 TEST_F(HttpClientRequest, CancelReportsErrorMinusOnceAfterCancelReturns)
 {
     server().setHandler([](const RecordedRequest&) {
@@ -662,6 +823,137 @@ TEST_F(HttpClientRequest, CancellingAFinishedRequestReturnsFalse)
     void* const id = client.get(url("/x"), options, results.callback());
     ASSERT_TRUE(results.waitFor(1));
     EXPECT_FALSE(client.cancel(id));
+}
+
+// An id stays bound to its request: ids are never issued twice, and the id of
+// a finished request cancels nothing, even once its handle's memory is reused.
+TEST_F(HttpClientRequest, IdsAreNeverIssuedTwice)
+{
+    std::set<void*> seen;
+    int issued = 0;
+    for (int batch = 0; batch < 20; ++batch) {
+        const size_t before = results.received.size();
+        for (int i = 0; i < 25; ++i) {
+            void* const id
+                = client.get(url("/ids?n=" + QByteArray::number(issued)), options, results.callback());
+            ++issued;
+            ASSERT_NE(id, nullptr);
+            EXPECT_TRUE(seen.insert(id).second) << "id issued twice: " << id;
+        }
+        ASSERT_TRUE(results.waitFor(before + 25));
+    }
+    EXPECT_EQ(seen.size(), 500u);
+}
+
+TEST_F(HttpClientRequest, IdOfAFinishedRequestCancelsNothingLater)
+{
+    void* const finished = client.get(url("/first"), options, results.callback());
+    ASSERT_TRUE(results.waitFor(1));
+    server().setHandler([](const RecordedRequest& request) {
+        ScriptedResponse response = ScriptedResponse::ok("later");
+        response.delayMs = request.target.startsWith("/later") ? 200 : 0;
+        return response;
+    });
+    Results later;
+    for (int i = 0; i < 20; ++i) {
+        EXPECT_NE(client.get(url("/later?n=" + QByteArray::number(i)), options, later.callback()), finished);
+    }
+    EXPECT_FALSE(client.cancel(finished));
+    ASSERT_TRUE(later.waitFor(20));
+    for (const HttpClientResult& result : later.received) {
+        EXPECT_EQ(result.status, HttpClientStatus::OK);
+        EXPECT_EQ(result.code, 200);
+    }
+}
+
+// A receiver is not owned but watched: deleting it loses only its own result.
+TEST_F(HttpClientRequest, ReceiverDeletedWhileItsRequestRunsLosesOnlyThatResult)
+{
+    server().setHandler([](const RecordedRequest&) {
+        ScriptedResponse response = ScriptedResponse::ok("slow");
+        response.delayMs = 100;
+        return response;
+    });
+    LogCapture capture(log4cplus::DEBUG_LOG_LEVEL);
+    auto* const gone = new ResultReceiver;
+    ResultReceiver kept;
+    client.get(url("/gone"), gone, "onResult", options);
+    client.get(url("/kept"), &kept, "onResult", options);
+    delete gone;
+    ASSERT_TRUE(waitFor([&] { return kept.count() == 1; }));
+    ASSERT_TRUE(waitFor([&] {
+        return capture.countPrefix(log4cplus::DEBUG_LOG_LEVEL, "Receiver of onResult is gone") == 1;
+    }));
+    EXPECT_EQ(kept.results()[0].status, 0);
+}
+
+TEST_F(HttpClientRequest, ReceiverDeletedAfterItsResultWasQueuedGetsNothing)
+{
+    server().setHandler([](const RecordedRequest&) {
+        return ScriptedResponse::ok("cached").addHeader("Cache-Control", "max-age=60");
+    });
+    client.setCacheSize(4096);
+    client.get(url("/cacheable"), options, results.callback());
+    ASSERT_TRUE(results.waitFor(1));
+    int delivered = 0;
+    {
+        ResultReceiver receiver;
+        receiver.onReceived = [&](const trel::test::ReceivedResult&) { ++delivered; };
+        // A cache hit is queued inside the call; the receiver goes before the loop runs.
+        EXPECT_EQ(client.get(url("/cacheable"), &receiver, "onResult", options), nullptr);
+    }
+    trel::test::spinEventLoop(50);
+    EXPECT_EQ(delivered, 0);
+}
+
+// The client's thread: its timers move with it, and calls from any other
+// thread are refused.
+TEST_F(HttpClientRequest, ClientMovedToAnotherThreadServesRequestsThere)
+{
+    QThread worker;
+    auto* const moved = new HttpClient;
+    moved->moveToThread(&worker);
+    QObject::connect(&worker, &QThread::finished, moved, &QObject::deleteLater);
+    worker.start();
+    std::atomic<int> status { -1 };
+    std::atomic<QThread*> ranOn { nullptr };
+    QMetaObject::invokeMethod(
+        moved,
+        [&] {
+            moved->get(url("/moved"), options, [&](const HttpClientResult& result) {
+                ranOn = QThread::currentThread();
+                status = result.status;
+            });
+        },
+        Qt::QueuedConnection);
+    const bool arrived = waitFor([&] { return status.load() != -1; });
+    worker.quit();
+    worker.wait();
+    ASSERT_TRUE(arrived);
+    EXPECT_EQ(status.load(), static_cast<int>(HttpClientStatus::OK));
+    EXPECT_EQ(ranOn.load(), &worker);
+}
+
+TEST_F(HttpClientRequest, CallsFromAnotherThreadAreRefused)
+{
+    LogCapture capture(log4cplus::ERROR_LOG_LEVEL);
+    void* live = client.get(url("/live"), options, results.callback());
+    void* refused = reinterpret_cast<void*>(1);
+    bool cancelled = true;
+    std::thread foreign([&] {
+        refused = client.get(url("/foreign"), options, results.callback());
+        cancelled = client.cancel(live);
+    });
+    foreign.join();
+    EXPECT_EQ(refused, nullptr);
+    EXPECT_FALSE(cancelled);
+    EXPECT_EQ(
+        capture.countPrefix(log4cplus::ERROR_LOG_LEVEL, "Refused, called off the client's thread: "), 2);
+    ASSERT_TRUE(results.waitFor(1));
+    trel::test::spinEventLoop(50);
+    ASSERT_EQ(results.received.size(), 1u);
+    EXPECT_EQ(results.received[0].status, HttpClientStatus::OK);
+    EXPECT_EQ(server().requestCount(), 1);
 }
 
 TEST_F(HttpClientRequest, DestroyingTheClientCancelsLiveTransfersAndReportsToSlots)

@@ -5,6 +5,7 @@
 
 #include <trel/HttpClient.h>
 
+#include "HeldProducer.h"
 #include "LocalServers.h"
 #include "LoopbackServer.h"
 #include "ResultReceiver.h"
@@ -18,10 +19,13 @@
 
 namespace {
 
+using trel::test::HeldProducer;
 using trel::test::LoopbackServer;
 using trel::test::NghttpdServer;
 using trel::test::NginxServer;
+using trel::test::randomBytes;
 using trel::test::ResultReceiver;
+using trel::test::sha256;
 using trel::test::waitFor;
 
 struct Results
@@ -37,18 +41,8 @@ struct Results
     std::vector<HttpClientResult> received;
 };
 
-QByteArray randomBytes(int size, unsigned seed)
-{
-    std::mt19937 random(seed);
-    QByteArray bytes(size, '\0');
-    for (char& byte : bytes) {
-        byte = static_cast<char>(random());
-    }
-    return bytes;
-}
-
 // Pushes chunks into the queue from its own thread, pausing between them,
-// then closes it. The client's thread blocks in the read meanwhile.
+// then closes it. The upload pauses meanwhile, and each push resumes it.
 class Producer
 {
 public:
@@ -139,6 +133,25 @@ TEST_F(Nginx, StreamWithLongPausesArrivesIntactThroughNginx)
         return !connectionOf(" /echo ").isEmpty() && !connectionOf("marker=after-stream").isEmpty();
     }));
     EXPECT_EQ(connectionOf("marker=after-stream"), connectionOf(" /echo ")); // the same connection
+}
+
+TEST_F(Nginx, ExactSizedAndEmptyChunksArriveWholeThroughNginx)
+{
+    HttpClient client;
+    const QList<QByteArray> chunks = trel::test::exactSizedChunksWithEmptyOnes(31);
+    const QByteArray expected = trel::test::joined(chunks);
+    auto queue = QSharedPointer<HttpClientQueue>::create(nullptr);
+    options.setReadSizeLimit(-1);
+    {
+        Producer producer(queue, chunks, 5);
+        client.postStream(TrelUrl::fromEncoded(nginx->url("/echo")), queue, options, results.callback());
+        ASSERT_TRUE(results.waitFor(1, 30000));
+    }
+    EXPECT_EQ(results.received[0].status, HttpClientStatus::OK);
+    EXPECT_EQ(results.received[0].code, 200);
+    EXPECT_EQ(sha256(results.received[0].body), sha256(expected));
+    ASSERT_TRUE(waitFor([&] { return backend->requestCount() == 1; }));
+    EXPECT_EQ(sha256(backend->requests()[0].body), sha256(expected)); // what nginx accepted
 }
 
 TEST_F(Nginx, TwoHundredSequentialRequestsReuseOneConnection)
@@ -300,6 +313,71 @@ TEST_F(Nghttpd, UploadsArriveIntactOverHttp2)
     }
     EXPECT_EQ(results.received[3].status, HttpClientStatus::OK);
     EXPECT_TRUE(results.received[3].body == streamed);
+}
+
+TEST_F(Nghttpd, ExactSizedAndEmptyChunksArriveWholeOverHttp2)
+{
+    HttpClient client(nullptr, HttpClient::Http2);
+    options.setReadSizeLimit(-1);
+    for (const int pauseMs : { 0, 5 }) {
+        const QList<QByteArray> chunks = trel::test::exactSizedChunksWithEmptyOnes(41 + pauseMs);
+        auto queue = QSharedPointer<HttpClientQueue>::create(nullptr);
+        {
+            Producer producer(queue, chunks, pauseMs);
+            client.postStream(url("/echo"), queue, options, results.callback());
+            ASSERT_TRUE(results.waitFor(results.received.size() + 1, 30000));
+        }
+        const HttpClientResult& result = results.received.back();
+        EXPECT_EQ(result.status, HttpClientStatus::OK);
+        EXPECT_EQ(result.body.size(), trel::test::joined(chunks).size()) << "pause " << pauseMs;
+        EXPECT_EQ(sha256(result.body), sha256(trel::test::joined(chunks))) << "pause " << pauseMs;
+    }
+}
+
+// A paused upload stream holds back nothing else on its HTTP/2 connection.
+TEST_F(Nghttpd, PausedUploadStreamLetsOtherStreamsRun)
+{
+    HttpClient client(nullptr, HttpClient::Http2);
+    options.setReadSizeLimit(-1);
+    auto queue = QSharedPointer<HttpClientQueue>::create(nullptr);
+    HeldProducer producer(queue, { "held " }, { "", "released" });
+    client.postStream(url("/echo"), queue, options, results.callback());
+    ASSERT_TRUE(waitFor([&] { return producer.holding(); }));
+    Results others;
+    for (int i = 0; i < 5; ++i) {
+        client.get(url("/1k?while-paused=" + QByteArray::number(i)), options, others.callback());
+    }
+    ASSERT_TRUE(others.waitFor(5));
+    EXPECT_FALSE(producer.gaveUp());
+    EXPECT_TRUE(results.received.empty());
+    for (const auto& result : others.received) {
+        EXPECT_EQ(result.status, HttpClientStatus::OK);
+        EXPECT_EQ(result.body.size(), 1024);
+    }
+    EXPECT_EQ(trel::test::establishedConnectionsTo(server->port()), 1);
+    producer.release();
+    ASSERT_TRUE(results.waitFor(1));
+    EXPECT_EQ(results.received[0].status, HttpClientStatus::OK);
+    EXPECT_EQ(results.received[0].body, "held released");
+}
+
+// A redirect from http to https is still followed.
+TEST_F(Nghttpd, RedirectFromHttpToHttpsIsFollowed)
+{
+    LoopbackServer plain;
+    ASSERT_TRUE(plain.start());
+    const QByteArray target = server->url("/1k");
+    plain.setHandler([target](const trel::test::RecordedRequest&) {
+        return trel::test::ScriptedResponse::redirect(302, target);
+    });
+    HttpClient client;
+    client.get(TrelUrl::fromEncoded(plain.url("/to-https")), options, results.callback());
+    ASSERT_TRUE(results.waitFor(1));
+    EXPECT_EQ(results.received[0].status, HttpClientStatus::OK);
+    EXPECT_EQ(results.received[0].code, 200);
+    EXPECT_EQ(results.received[0].body.size(), 1024);
+    EXPECT_EQ(results.received[0].headers.value("X-TrelEfectiveUrl", QString()), QString::fromLatin1(target));
+    plain.stop();
 }
 
 TEST(NghttpdCleartext, Http2OverHttpAgainstPriorKnowledgeServerIsAnErrorReportedCleanly)

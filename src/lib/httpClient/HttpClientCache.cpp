@@ -2,11 +2,32 @@
 
 #include "Log.h"
 
+#include <QStringList>
+
 #include <algorithm>
 
 namespace {
 const char* const kLogFile = "src/lib/httpClient/HttpClientCache";
 const log4cplus::Logger logger = trel::log::libraryLogger();
+
+// A response that varies with request headers other than Accept-Encoding could
+// be served to a request it was not made for, since the key is the URL alone.
+// libcurl decodes every encoding it asks for, so Accept-Encoding never matters.
+bool variesBeyondEncoding(const HttpClientHeaders& headers)
+{
+    bool present = false;
+    const QString vary = headers.value(QStringLiteral("Vary"), &present);
+    if (!present) {
+        return false;
+    }
+    const QStringList fields = vary.split(QLatin1Char(','), Qt::SkipEmptyParts);
+    for (const QString& field : fields) {
+        if (field.trimmed().compare(QLatin1String("Accept-Encoding"), Qt::CaseInsensitive) != 0) {
+            return true;
+        }
+    }
+    return false;
+}
 } // namespace
 
 HttpClientCache::HttpClientCache()
@@ -36,7 +57,8 @@ bool HttpClientCache::tryCache(const TrelUrl& url, HttpClientStatus status, int 
     TREL_ENTER("bool HttpClientCache::tryCache(const TrelUrl&, HttpClientStatus, int, "
                "const HttpClientHeaders&, const QByteArray&)",
         "Url: " << url << " status: " << status << " code: " << code << " header: " << headers);
-    if (entries.maxCost() == 0 || !HttpClientCacheEntry::shouldCache(headers)) {
+    if (entries.maxCost() == 0 || variesBeyondEncoding(headers)
+        || !HttpClientCacheEntry::shouldCache(headers)) {
         return false;
     }
     TREL_DEBUG("Inserting into cache " << url);
