@@ -5,11 +5,11 @@
 
 #include <trel/HttpClient.h>
 
-#include "HeldProducer.h"
 #include "LocalServers.h"
 #include "LoopbackServer.h"
 #include "ResultReceiver.h"
 #include "SocketCount.h"
+#include "StreamProducers.h"
 #include "WaitFor.h"
 
 #include <gtest/gtest.h>
@@ -23,6 +23,7 @@ using trel::test::HeldProducer;
 using trel::test::LoopbackServer;
 using trel::test::NghttpdServer;
 using trel::test::NginxServer;
+using trel::test::PacedProducer;
 using trel::test::randomBytes;
 using trel::test::ResultReceiver;
 using trel::test::sha256;
@@ -39,26 +40,6 @@ struct Results
         return trel::test::waitFor([&] { return received.size() >= n; }, timeoutMs);
     }
     std::vector<HttpClientResult> received;
-};
-
-// Pushes chunks into the queue from its own thread, pausing between them,
-// then closes it. The upload pauses meanwhile, and each push resumes it.
-class Producer
-{
-public:
-    Producer(QSharedPointer<HttpClientQueue> queue, QList<QByteArray> chunks, int pauseMs)
-        : worker([queue, chunks, pauseMs] {
-            for (const QByteArray& chunk : chunks) {
-                queue->append(chunk);
-                std::this_thread::sleep_for(std::chrono::milliseconds(pauseMs));
-            }
-            queue->close();
-        })
-    { }
-    ~Producer() { worker.join(); }
-
-private:
-    std::thread worker;
 };
 
 QList<QByteArray> split(const QByteArray& bytes, int pieces)
@@ -110,7 +91,7 @@ TEST_F(Nginx, StreamWithLongPausesArrivesIntactThroughNginx)
     QList<QByteArray> chunks = split(body, 4);
     {
         // Pauses of 1.1 s between chunks: longer than any libcurl or nginx idle tick.
-        Producer producer(queue, chunks, 1100);
+        PacedProducer producer(queue, chunks, 1100);
         client.postStream(TrelUrl::fromEncoded(nginx->url("/echo")), queue, options, results.callback());
         ASSERT_TRUE(results.waitFor(1, 30000));
     }
@@ -143,7 +124,7 @@ TEST_F(Nginx, ExactSizedAndEmptyChunksArriveWholeThroughNginx)
     auto queue = QSharedPointer<HttpClientQueue>::create(nullptr);
     options.setReadSizeLimit(-1);
     {
-        Producer producer(queue, chunks, 5);
+        PacedProducer producer(queue, chunks, 5);
         client.postStream(TrelUrl::fromEncoded(nginx->url("/echo")), queue, options, results.callback());
         ASSERT_TRUE(results.waitFor(1, 30000));
     }
@@ -307,7 +288,7 @@ TEST_F(Nghttpd, UploadsArriveIntactOverHttp2)
     const QByteArray streamed = randomBytes(100000, 12);
     auto queue = QSharedPointer<HttpClientQueue>::create(nullptr);
     {
-        Producer producer(queue, split(streamed, 10), 30);
+        PacedProducer producer(queue, split(streamed, 10), 30);
         client.postStream(url("/echo"), queue, options, results.callback());
         ASSERT_TRUE(results.waitFor(4, 30000));
     }
@@ -323,7 +304,7 @@ TEST_F(Nghttpd, ExactSizedAndEmptyChunksArriveWholeOverHttp2)
         const QList<QByteArray> chunks = trel::test::exactSizedChunksWithEmptyOnes(41 + pauseMs);
         auto queue = QSharedPointer<HttpClientQueue>::create(nullptr);
         {
-            Producer producer(queue, chunks, pauseMs);
+            PacedProducer producer(queue, chunks, pauseMs);
             client.postStream(url("/echo"), queue, options, results.callback());
             ASSERT_TRUE(results.waitFor(results.received.size() + 1, 30000));
         }

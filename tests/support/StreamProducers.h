@@ -2,6 +2,10 @@
 
 // Producers for streamed uploads that run on their own thread.
 //
+// A PacedProducer pushes its chunks one by one with a pause after each, then
+// closes the queue, so chunks reach the sender one at a time, each alone at
+// the head of the queue.
+//
 // A HeldProducer pushes its first chunks, then waits on a latch until the test
 // releases it, then pushes the rest and closes the queue. A client that blocked
 // its thread in the queue could never let the test release the latch: the
@@ -22,6 +26,26 @@
 #include <thread>
 
 namespace trel::test {
+
+class PacedProducer
+{
+public:
+    PacedProducer(QSharedPointer<HttpClientQueue> queue, QList<QByteArray> chunks, int pauseMs)
+        : worker([queue, chunks, pauseMs] {
+            for (const QByteArray& chunk : chunks) {
+                queue->append(chunk);
+                std::this_thread::sleep_for(std::chrono::milliseconds(pauseMs));
+            }
+            queue->close();
+        })
+    { }
+    ~PacedProducer() { worker.join(); }
+    PacedProducer(const PacedProducer&) = delete;
+    PacedProducer& operator=(const PacedProducer&) = delete;
+
+private:
+    std::thread worker;
+};
 
 class HeldProducer
 {
