@@ -178,7 +178,30 @@ struct LoopbackServer::Connection
     std::optional<QByteArray> delayed; // serialized response waiting for `sendAt`
     qint64 sendAt = 0;
     bool delayedCloses = false;
+    QByteArray drip; // what is left of a response sent a byte at a time
+    int dripMs = 0;
+    qint64 nextDripAt = 0;
+    bool dripCloses = false;
+    std::optional<qint64> resetAt; // an abortive close, once what was written has been read
 };
+
+namespace {
+// How long a connection that is to be reset gives the client to read what it
+// was sent first, so that the reset comes mid-headers or mid-body as scripted.
+constexpr qint64 kResetGraceMs = 100;
+
+qint64 earliest(qint64 current, qint64 candidate)
+{
+    return current < 0 || candidate < current ? candidate : current;
+}
+
+void resetConnection(int fd)
+{
+    // Closing with a zero linger time sends a reset instead of a FIN.
+    const linger abortive { 1, 0 };
+    ::setsockopt(fd, SOL_SOCKET, SO_LINGER, &abortive, sizeof(abortive));
+}
+} // namespace
 
 LoopbackServer::LoopbackServer()
     : handler(&LoopbackServer::defaultRoutes)
@@ -309,8 +332,14 @@ void LoopbackServer::run()
                 events |= POLLOUT;
             }
             fds.push_back({ fd, events, 0 });
-            if (connection->delayed && (nextSend < 0 || connection->sendAt < nextSend)) {
-                nextSend = connection->sendAt;
+            if (connection->delayed) {
+                nextSend = earliest(nextSend, connection->sendAt);
+            }
+            if (!connection->drip.isEmpty()) {
+                nextSend = earliest(nextSend, connection->nextDripAt);
+            }
+            if (connection->resetAt) {
+                nextSend = earliest(nextSend, *connection->resetAt);
             }
         }
         const int timeout
@@ -344,8 +373,19 @@ void LoopbackServer::run()
                 connection.delayed.reset();
                 processRequests(connection); // the next pipelined request, if any
             }
+            if (open && !connection.drip.isEmpty() && monotonicMs() >= connection.nextDripAt) {
+                connection.out += connection.drip.left(1);
+                connection.drip.remove(0, 1);
+                connection.nextDripAt = monotonicMs() + connection.dripMs;
+                connection.closeWhenWritten = connection.drip.isEmpty() && connection.dripCloses;
+            }
             if (open && !connection.out.isEmpty()) {
                 open = serviceWrite(connection);
+            }
+            if (open && connection.resetAt && connection.out.isEmpty()
+                && monotonicMs() >= *connection.resetAt) {
+                resetConnection(connection.fd);
+                open = false;
             }
             if (!open) {
                 ::close(connection.fd);
@@ -502,13 +542,10 @@ void LoopbackServer::respond(Connection& connection, const RecordedRequest& requ
     case Fault::CloseWithoutResponse:
         connection.closeNow = true;
         return;
-    case Fault::ResetConnection: {
-        // Closing with a zero linger time sends a reset instead of a FIN.
-        const linger abortive { 1, 0 };
-        ::setsockopt(connection.fd, SOL_SOCKET, SO_LINGER, &abortive, sizeof(abortive));
+    case Fault::ResetConnection:
+        resetConnection(connection.fd);
         connection.closeNow = true;
         return;
-    }
     case Fault::Stall:
         connection.stalled = true;
         return;
@@ -548,14 +585,34 @@ void LoopbackServer::respond(Connection& connection, const RecordedRequest& requ
             payload = response.body;
         }
     }
-    if (response.delayMs > 0) {
-        connection.delayed = head + payload;
-        connection.sendAt = monotonicMs() + response.delayMs;
-        connection.delayedCloses = closes;
+    QByteArray wire = response.raw.isEmpty() ? head + payload : response.raw;
+    if (response.fault == Fault::CutAfter || response.fault == Fault::ResetAfter) {
+        wire = wire.left(response.cutAt);
+    }
+    if (response.fault == Fault::ResetAfter) {
+        connection.out += wire;
+        connection.resetAt = monotonicMs() + kResetGraceMs;
         return;
     }
-    connection.out += head + payload;
-    connection.closeWhenWritten = closes;
+    const bool ends = closes || response.fault == Fault::CutAfter || response.fault == Fault::CloseSilently;
+    if (response.dripMs > 0) {
+        // The head goes at once and the body drips; a raw reply drips whole.
+        const int headSize = response.raw.isEmpty() ? std::min(head.size(), wire.size()) : 0;
+        connection.out += wire.left(headSize);
+        connection.drip = wire.mid(headSize);
+        connection.dripMs = response.dripMs;
+        connection.nextDripAt = monotonicMs() + response.delayMs;
+        connection.dripCloses = ends;
+        return;
+    }
+    if (response.delayMs > 0) {
+        connection.delayed = wire;
+        connection.sendAt = monotonicMs() + response.delayMs;
+        connection.delayedCloses = ends;
+        return;
+    }
+    connection.out += wire;
+    connection.closeWhenWritten = ends;
 }
 
 ScriptedResponse LoopbackServer::defaultRoutes(const RecordedRequest& request)

@@ -52,6 +52,9 @@ struct ScriptedResponse
         ResetConnection, // abortive close: the client sees a reset
         Truncate, // announce the whole body, send `truncateAt` bytes, close
         Stall, // never answer; keep the connection open
+        CutAfter, // send the first `cutAt` bytes of the response (head included), then close
+        ResetAfter, // send the first `cutAt` bytes, let the client read them, then reset
+        CloseSilently, // answer in full, then close without having said so
     };
 
     int status = 200;
@@ -64,6 +67,9 @@ struct ScriptedResponse
     Fault fault = Fault::None;
     int truncateAt = 0;
     bool closeAfter = false; // "Connection: close", then close
+    int cutAt = 0; // for CutAfter and ResetAfter: bytes of the whole response
+    QByteArray raw; // when not empty, sent as the whole response instead of one built from the fields
+    int dripMs = 0; // when > 0, the head goes at once and the body one byte every dripMs milliseconds
 
     ScriptedResponse& addHeader(const QByteArray& name, const QByteArray& value);
     static ScriptedResponse ok(const QByteArray& body, const QByteArray& contentType = "text/plain");
