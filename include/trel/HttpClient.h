@@ -134,7 +134,7 @@ public:
     static int serverPushCallback(
         CURL* parent, CURL* easy, size_t num_headers, curl_pushheaders* headers, void* userp);
 
-private slots:
+private Q_SLOTS:
     void on_timer_timeout();
     void on_readNotifier_activated(int socket);
     void on_writeNotifier_activated(int socket);

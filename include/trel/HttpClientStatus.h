@@ -27,7 +27,9 @@ struct HttpClientResult
 {
     TrelUrl url; // the caller's URL, before any rewriting
     HttpClientStatus status = HttpClientStatus::Error;
-    int code = -1; // HTTP response code; -1 when no response was obtained
+    // The HTTP response code: 0 when no response was obtained (resolve, connect
+    // and TLS failures), -1 when the request was cancelled or its client destroyed.
+    int code = -1;
     QByteArray body;
     HttpClientHeaders headers;
 };

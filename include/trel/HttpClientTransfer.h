@@ -17,6 +17,7 @@
 
 #include <curl/curl.h>
 
+#include <array>
 #include <cstdint>
 #include <functional>
 #include <memory>
@@ -54,6 +55,7 @@ public:
         QByteArray body;
         QByteArray headerBlock;
         std::int64_t sizeLimit = 0; // compared unsigned: negative means no limit
+        bool overLimit = false; // a write was trimmed at sizeLimit
     };
 
     HttpClientTransfer(int httpVersion, const TrelUrl& url, int method, const HttpClientOptions& options,
@@ -107,6 +109,8 @@ private:
     long responseCode();
     HttpClientHeaders receivedHeaders(bool withEffectiveUrl);
     QSharedPointer<curl_mime> newMime();
+    // Why libcurl ended the transfer with `result`, in words for the caller.
+    QString failureReason(CURLcode result) const;
 
     std::unique_ptr<CURL, EasyCleanup> easy;
     std::unique_ptr<curl_slist, SlistFree> headerList;
@@ -120,4 +124,5 @@ private:
     QSharedPointer<curl_mime> mimeBody;
     QSharedPointer<HttpClientQueue> uploadStream;
     CURLM* activeMulti = nullptr;
+    std::array<char, CURL_ERROR_SIZE> errorText {}; // libcurl's own words for a failure
 };

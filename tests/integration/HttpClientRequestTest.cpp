@@ -3,6 +3,7 @@
 // teardown, and the exactly-once promise under load.
 
 #include <trel/HttpClient.h>
+#include <trel/Version.h>
 
 #include "LogCapture.h"
 #include "LoopbackServer.h"
@@ -20,9 +21,11 @@
 
 #include <algorithm>
 #include <atomic>
+#include <functional>
 #include <iostream>
 #include <map>
 #include <memory>
+#include <ostream>
 #include <random>
 #include <set>
 #include <thread>
@@ -366,6 +369,145 @@ TEST_F(HttpClientRequest, HeldProducerIsEndedByCancelAndByDestroyingTheClient)
 }
 
 // ---------------------------------------------------------------------------
+// Why a request failed: X-TrelError
+
+struct ReasonCase
+{
+    std::string name;
+    std::function<QByteArray()> target; // the URL, made once the server runs
+    int timeoutMs;
+    int readSizeLimit;
+    HttpClientStatus status;
+    int code;
+    std::string reason; // the start of X-TrelError
+};
+
+std::ostream& operator<<(std::ostream& out, const ReasonCase& row)
+{
+    return out << row.name;
+}
+
+QByteArray onServer(const QByteArray& path)
+{
+    return ServerEnvironment::server().url(path);
+}
+
+const std::vector<ReasonCase>& reasonTable()
+{
+    static const std::vector<ReasonCase> rows = {
+        { "ConnectionRefused",
+            [] {
+                LoopbackServer closed; // a port that was just listening and is closed now
+                closed.start();
+                const QByteArray refused = closed.url("/");
+                closed.stop();
+                return refused;
+            },
+            0, 65536, HttpClientStatus::ConnectError, 0, "Failed to connect to 127.0.0.1 port " },
+        { "UnresolvableHost", [] { return QByteArray("http://no-such-host.invalid/"); }, 0, 65536,
+            HttpClientStatus::ResolveError, 0, "Could not resolve host: no-such-host.invalid" },
+        { "Timeout", [] { return onServer("/stall"); }, 300, 65536, HttpClientStatus::Timeout, 0,
+            "Operation timed out after " },
+        { "EmptyUrl", [] { return QByteArray(); }, 0, 65536, HttpClientStatus::Error, 0,
+            "URL rejected: Malformed input to a URL function" },
+        { "OtherScheme", [] { return QByteArray("ftp://127.0.0.1/"); }, 0, 65536, HttpClientStatus::Error, 0,
+            "Protocol \"ftp\" disabled" },
+        { "RedirectLoop", [] { return onServer("/loop"); }, 0, 65536, HttpClientStatus::Error, 302,
+            "Maximum (5) redirects followed" },
+        { "BodyOverTheReadSizeLimit", [] { return onServer("/bytes/5000"); }, 0, 1000,
+            HttpClientStatus::Error, 200, "response body larger than the read-size limit of 1000 bytes" },
+        { "ConnectionReset", [] { return onServer("/reset"); }, 0, 65536, HttpClientStatus::Error, 0,
+            "Recv failure: Connection reset by peer" },
+    };
+    return rows;
+}
+
+class FailureReasons : public ::testing::TestWithParam<ReasonCase>
+{
+protected:
+    void SetUp() override
+    {
+        server().setHandler([](const RecordedRequest& request) {
+            ScriptedResponse response;
+            if (request.target == "/loop") {
+                return ScriptedResponse::redirect(302, "/loop");
+            }
+            if (request.target == "/stall") {
+                response.fault = ScriptedResponse::Fault::Stall;
+                return response;
+            }
+            if (request.target == "/reset") {
+                response.fault = ScriptedResponse::Fault::ResetConnection;
+                return response;
+            }
+            return LoopbackServer::defaultRoutes(request);
+        });
+    }
+    void TearDown() override { server().setHandler(&LoopbackServer::defaultRoutes); }
+    static LoopbackServer& server() { return ServerEnvironment::server(); }
+};
+
+TEST_P(FailureReasons, TheFailedResultSaysWhyInXTrelError)
+{
+    const ReasonCase& row = GetParam();
+    HttpClient client;
+    HttpClientOptions options;
+    options.setTimeoutMs(row.timeoutMs);
+    options.setReadSizeLimit(row.readSizeLimit);
+    Results results;
+    client.get(TrelUrl::fromEncoded(row.target()), options, results.callback());
+    ASSERT_TRUE(results.waitFor(1, 20000));
+    const HttpClientResult& result = results.received[0];
+    EXPECT_EQ(result.status, row.status);
+    EXPECT_EQ(result.code, row.code);
+    const std::string reason = result.headers.value("X-TrelError", QString()).toStdString();
+    EXPECT_EQ(reason.rfind(row.reason, 0), 0u) << reason;
+    EXPECT_FALSE(result.headers.contains("X-TrelEfectiveUrl"));
+}
+
+INSTANTIATE_TEST_SUITE_P(Loopback, FailureReasons, ::testing::ValuesIn(reasonTable()),
+    [](const ::testing::TestParamInfo<ReasonCase>& info) { return info.param.name; });
+
+TEST_F(HttpClientRequest, SuccessCarriesNoReasonAndCancellationKeepsEmptyHeaders)
+{
+    client.get(url("/fine"), options, results.callback());
+    ASSERT_TRUE(results.waitFor(1));
+    EXPECT_FALSE(results.received[0].headers.contains("X-TrelError"));
+    server().setHandler([](const RecordedRequest&) {
+        ScriptedResponse response = ScriptedResponse::ok("late");
+        response.delayMs = 500;
+        return response;
+    });
+    client.cancel(client.get(url("/cancelled"), options, results.callback()));
+    ASSERT_TRUE(results.waitFor(2));
+    EXPECT_EQ(results.received[1].code, -1);
+    EXPECT_TRUE(results.received[1].headers.headers().isEmpty());
+}
+
+// ---------------------------------------------------------------------------
+// User-Agent
+
+TEST_F(HttpClientRequest, UserAgentNamesTheLibraryUnlessTheCallerSetsOne)
+{
+    client.get(url("/ua"), options, results.callback());
+    ASSERT_TRUE(results.waitFor(1));
+    EXPECT_EQ(onlyRequest().header("User-Agent"), "trel_http_client/" TREL_HTTP_CLIENT_VERSION_STRING);
+    EXPECT_EQ(QByteArray(trelHttpClientVersion()), TREL_HTTP_CLIENT_VERSION_STRING);
+
+    server().clear();
+    options.setHeaders(HttpClientHeaders { { "user-agent", "my-app/2.1" } });
+    client.get(url("/ua"), options, results.callback());
+    ASSERT_TRUE(results.waitFor(2));
+    const RecordedRequest request = onlyRequest();
+    EXPECT_EQ(request.header("User-Agent"), "my-app/2.1");
+    int userAgents = 0;
+    for (const auto& header : request.headers) {
+        userAgents += header.first.toLower() == "user-agent" ? 1 : 0;
+    }
+    EXPECT_EQ(userAgents, 1);
+}
+
+// ---------------------------------------------------------------------------
 // Redirects
 
 TEST_F(HttpClientRequest, RedirectsAreFollowedToTheLimitAndTheEffectiveUrlIsNamed)
@@ -431,7 +573,8 @@ TEST_F(HttpClientRequest, RefusedConnectionIsConnectErrorWithCodeZero)
     ASSERT_TRUE(results.waitFor(1));
     EXPECT_EQ(results.received[0].status, HttpClientStatus::ConnectError);
     EXPECT_EQ(results.received[0].code, 0);
-    EXPECT_TRUE(results.received[0].headers.headers().isEmpty());
+    // No header line came from a server; only the reason is there.
+    EXPECT_EQ(results.received[0].headers.headers().keys(), QStringList { "X-TrelError" });
 }
 
 TEST_F(HttpClientRequest, UnresolvableHostIsResolveError)
@@ -530,7 +673,8 @@ TEST_F(HttpClientRequest, StalledServerWithATimeoutIsTimeout)
     const std::string offered = "Enter bool HttpClientCache::tryCache(const TrelUrl&, HttpClientStatus, int, "
                                 "const HttpClientHeaders&, const QByteArray&): Url: "
         + url("/stall").toString().toStdString() + " status: Timeout code: 0 header: ";
-    EXPECT_TRUE(capture.contains(log4cplus::TRACE_LOG_LEVEL, offered));
+    EXPECT_EQ(
+        capture.countPrefix(log4cplus::TRACE_LOG_LEVEL, offered + "X-TrelError: Operation timed out"), 1);
 }
 
 TEST_F(HttpClientRequest, BodyOverTheLimitIsErrorWithTheTruncatedBody)

@@ -361,6 +361,33 @@ TEST_F(Nghttpd, RedirectFromHttpToHttpsIsFollowed)
     plain.stop();
 }
 
+// TLS failures say why: a self-signed certificate verified, and TLS spoken
+// to a plain-HTTP port.
+TEST_F(Nghttpd, SelfSignedCertificateIsAnErrorThatSaysSo)
+{
+    HttpClient client(nullptr, HttpClient::Http2);
+    client.get(url("/index.html"), HttpClientOptions(), results.callback());
+    ASSERT_TRUE(results.waitFor(1));
+    EXPECT_EQ(results.received[0].status, HttpClientStatus::Error);
+    EXPECT_EQ(results.received[0].code, 0);
+    EXPECT_EQ(results.received[0].headers.value("X-TrelError", QString()),
+        "SSL certificate problem: self-signed certificate");
+}
+
+TEST_F(Nginx, TlsToAPlainHttpPortIsAnErrorThatSaysSo)
+{
+    HttpClient client;
+    const QByteArray plainPort = QByteArray::number(nginx->port());
+    options.setVerifyPeer(false);
+    client.get(
+        TrelUrl::fromEncoded("https://127.0.0.1:" + plainPort + "/files/1k"), options, results.callback());
+    ASSERT_TRUE(results.waitFor(1));
+    EXPECT_EQ(results.received[0].status, HttpClientStatus::Error);
+    EXPECT_EQ(results.received[0].code, 0);
+    EXPECT_TRUE(results.received[0].headers.value("X-TrelError", QString()).endsWith("wrong version number"))
+        << results.received[0].headers.value("X-TrelError", QString()).toStdString();
+}
+
 TEST(NghttpdCleartext, Http2OverHttpAgainstPriorKnowledgeServerIsAnErrorReportedCleanly)
 {
     NghttpdServer server;

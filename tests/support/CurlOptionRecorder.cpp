@@ -35,6 +35,7 @@ bool isStringOption(int option)
     case CURLOPT_ACCEPT_ENCODING:
     case CURLOPT_PROTOCOLS_STR:
     case CURLOPT_REDIR_PROTOCOLS_STR:
+    case CURLOPT_USERAGENT:
         return true;
     default:
         return false;

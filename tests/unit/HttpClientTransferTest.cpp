@@ -4,6 +4,7 @@
 
 #include <trel/HttpClient.h>
 #include <trel/HttpClientTransfer.h>
+#include <trel/Version.h>
 
 #include "CurlOptionRecorder.h"
 #include "LogCapture.h"
@@ -109,6 +110,11 @@ TEST(HttpClientTransferConfig, DefaultsFollowFiveRedirectsNoTimeoutCompressionAn
     EXPECT_EQ(curlOptions::easy(transfer->handle(), CURLOPT_PROTOCOLS_STR)->text, "http,https");
     ASSERT_TRUE(curlOptions::easy(transfer->handle(), CURLOPT_REDIR_PROTOCOLS_STR));
     EXPECT_EQ(curlOptions::easy(transfer->handle(), CURLOPT_REDIR_PROTOCOLS_STR)->text, "http,https");
+    // libcurl's words for a failure, and who is asking.
+    EXPECT_TRUE(isSet(*transfer, CURLOPT_ERRORBUFFER));
+    ASSERT_TRUE(curlOptions::easy(transfer->handle(), CURLOPT_USERAGENT));
+    EXPECT_EQ(curlOptions::easy(transfer->handle(), CURLOPT_USERAGENT)->text,
+        "trel_http_client/" TREL_HTTP_CLIENT_VERSION_STRING);
     const auto encoding = curlOptions::easy(transfer->handle(), CURLOPT_ACCEPT_ENCODING);
     ASSERT_TRUE(encoding);
     EXPECT_EQ(encoding->text, "");
@@ -214,6 +220,16 @@ TEST(HttpClientTransferConfig, MethodsMapToLibcurlOptions)
     auto unknown = factory.make(42);
     EXPECT_FALSE(isSet(*unknown, CURLOPT_CUSTOMREQUEST));
     EXPECT_FALSE(isSet(*unknown, CURLOPT_POST));
+}
+
+TEST(HttpClientTransferConfig, CallersUserAgentReplacesTheLibrarysOwn)
+{
+    TransferFactory factory;
+    HttpClientOptions options;
+    options.setHeaders(HttpClientHeaders({ { "User-Agent", "my-app/2.1" } }));
+    auto transfer = factory.make(HttpClient::Get, options);
+    EXPECT_FALSE(isSet(*transfer, CURLOPT_USERAGENT));
+    EXPECT_TRUE(isSet(*transfer, CURLOPT_HTTPHEADER));
 }
 
 TEST(HttpClientTransferConfig, RequestHeadersBecomeOneListLinePerEntry)

@@ -1,5 +1,7 @@
 #include <trel/HttpClientTransfer.h>
 
+#include <trel/Version.h>
+
 #include "Log.h"
 
 #include <QDir>
@@ -20,6 +22,8 @@ constexpr int kHttpVersion2 = 1;
 
 const char* const kEffectiveUrlHeader = "X-TrelEfectiveUrl";
 const char* const kAllowedProtocols = "http,https";
+const char* const kErrorHeader = "X-TrelError";
+const char* const kUserAgent = "trel_http_client/" TREL_HTTP_CLIENT_VERSION_STRING;
 
 long postRedirectMask(const QSet<HttpClientOptions::HttpPostRedirFlags>& flags)
 {
@@ -132,6 +136,11 @@ void HttpClientTransfer::configure(int httpVersion)
     if (headerList) {
         curl_easy_setopt(handle, CURLOPT_HTTPHEADER, headerList.get());
     }
+    // A User-Agent of the caller's own goes out through the header list instead.
+    if (!options.headers().contains(QStringLiteral("User-Agent"))) {
+        curl_easy_setopt(handle, CURLOPT_USERAGENT, kUserAgent);
+    }
+    curl_easy_setopt(handle, CURLOPT_ERRORBUFFER, errorText.data());
 
     if (!options.verifyPeer()) {
         // Widening authentication together with peer verification is intended.
@@ -388,6 +397,7 @@ size_t HttpClientTransfer::curlWriteFunc(void* data, size_t size, size_t count, 
         TREL_ERROR("CURL data: not enough space in buffer, trimmed by "
             << (static_cast<std::int64_t>(n) - room) << " bytes!");
         n = static_cast<std::uint64_t>(room);
+        buffer->overLimit = true;
     }
     buffer->body.append(static_cast<const char*>(data), static_cast<int>(n));
     return static_cast<size_t>(n);
@@ -459,10 +469,25 @@ void HttpClientTransfer::finish(CURLMsg* message)
                             << ", code: " << code);
     TREL_TRACE("Output   [" << easy.get() << "] " << receiveBuffer.body.size() << " bytes");
     const HttpClientStatus status = statusFromCurlCode(result);
-    const HttpClientHeaders headers = receivedHeaders(status == HttpClientStatus::OK);
+    HttpClientHeaders headers = receivedHeaders(status == HttpClientStatus::OK);
+    if (status != HttpClientStatus::OK) {
+        headers.insert(QString::fromLatin1(kErrorHeader), failureReason(result));
+    }
     curl_multi_remove_handle(activeMulti, easy.get());
     activeMulti = nullptr;
     reportCompletion(status, code, receiveBuffer.body, headers);
+}
+
+QString HttpClientTransfer::failureReason(CURLcode result) const
+{
+    if (result == CURLE_WRITE_ERROR && receiveBuffer.overLimit) {
+        return QStringLiteral("response body larger than the read-size limit of %1 bytes")
+            .arg(receiveBuffer.sizeLimit);
+    }
+    if (errorText.front() != '\0') {
+        return QString::fromUtf8(errorText.data());
+    }
+    return QString::fromUtf8(curl_easy_strerror(result));
 }
 
 void HttpClientTransfer::cancel()

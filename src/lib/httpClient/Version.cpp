@@ -1,0 +1,6 @@
+#include <trel/Version.h>
+
+const char* trelHttpClientVersion()
+{
+    return TREL_HTTP_CLIENT_VERSION_STRING;
+}
