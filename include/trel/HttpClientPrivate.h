@@ -17,9 +17,9 @@
 /// Set it with HttpClientOptions::setUserData(); the client hands the same
 /// payload (constData() compares equal) to the `context` argument of the result
 /// slot, on every delivery of the request, cached answers included (a callback
-/// receives no context: it captures what it needs). The client
-/// never reads or changes it. Each constructor fills one or two slots of the
-/// payload; the others keep their defaults (empty, 0, null handles). Copies
+/// receives no context: it captures what it needs). The client never reads or
+/// changes it. Each constructor fills one or two slots of the payload; the
+/// others keep their defaults (empty, 0, null handles). Copies
 /// share the payload, whose reference count is atomic, so copies may live on
 /// different threads; the CM handles inside are shared, never cloned.
 class TREL_HTTP_CLIENT_EXPORT HttpClientPrivate
