@@ -56,12 +56,13 @@
 /// callback.
 ///
 /// **Threads.** Everything of a client runs on the thread it belongs to
-/// (QObject::thread()). Every member but toString() refuses a call made from
-/// any other thread: it returns a null id, false or nothing, writes an ERROR
-/// log line, and no result follows. A client moved with moveToThread() takes
-/// its timers along and works on its new thread. A slot result runs on the
-/// receiver's thread (Qt's queued invocation); a callback runs on the client's
-/// thread, and is dropped if the client is destroyed before it runs.
+/// (QObject::thread()). The request operations, cancel(), setCacheSize(),
+/// clearCache() and setPushProperties() refuse a call made from any other
+/// thread: they return a null id, false or nothing, write an ERROR log line,
+/// and no result follows. The destructor, too, must run on that thread. A client moved with moveToThread()
+/// takes its timers along and works on its new thread. A slot result runs on the receiver's thread (Qt's
+/// queued invocation); a callback runs on the client's thread, and is dropped if the client is destroyed
+/// before it runs.
 ///
 /// **Receivers.** The slot forms take a receiver and the bare name of a slot (or
 /// Q_INVOKABLE method), such as `"onResult"`, with exactly these six parameters:
@@ -409,11 +410,12 @@ public:
     /// it: an `Expires` date in the future (which alone decides when present),
     /// or a `Cache-Control` whose first recognised directive is `public`,
     /// `private` or `max-age` (not `no-cache`). It stays fresh until that date,
-    /// for `max-age` seconds, or for 60 seconds after `public`/`private`. A
-    /// get() whose URL has a fresh entry, and that carries no `Authorization` or
-    /// `Cookie` header, is answered from it: null id, and the stored status,
-    /// code, body and headers delivered once, queued. A body larger than the
-    /// whole budget is still stored, pushing out every other entry.
+    /// for `max-age` seconds, or for 60 seconds after `public`/`private` (see
+    /// HttpClientCacheEntry). A get() whose URL has a fresh entry, and that
+    /// carries no `Authorization` or `Cookie` header, is answered from it: null
+    /// id, and the stored status, code, body and headers delivered once, queued.
+    /// A body larger than the whole budget is still stored, pushing out every
+    /// other entry.
     /// \param size the budget in bytes; values above INT_MAX are not supported.
     void setCacheSize(size_t size);
     /// Drops every stored response; the budget stays as it is.
