@@ -40,10 +40,11 @@ enum HttpClientStatus : std::int32_t
     /// redirect response, such as 302), protocol errors.
     Error = 4,
     /// Not an ending: with HttpClientOptions::setImmediateRead() on, what
-    /// arrived since the previous delivery (body bytes and the header lines
-    /// parsed so far, with `X-TrelEfectiveUrl`), handed over after a network
-    /// event. Further ImmediateRead deliveries and then exactly one final
-    /// result follow; the final result holds only what was not yet handed over.
+    /// arrived since the previous delivery (body bytes and header lines, plus
+    /// `X-TrelEfectiveUrl`, with the response code known so far), handed over
+    /// after a network event. More ImmediateRead deliveries may follow, then
+    /// exactly one final result, which holds only what was not yet handed over.
+    /// A request that is cancelled gets no more ImmediateRead deliveries.
     ImmediateRead = 5,
 };
 
