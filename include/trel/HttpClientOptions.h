@@ -1,3 +1,5 @@
+/// \file
+/// HttpClientOptions: the per-request settings.
 #pragma once
 
 #include <trel/HttpClientHeaders.h>
@@ -6,53 +8,105 @@
 
 #include <QSet>
 
-// Per-request settings. A plain value: the client copies it when a request is
-// made, so the caller may change or drop its own object right after the call.
+/// Per-request settings, given to every request operation of HttpClient and
+/// to HttpClient::setPushProperties().
+///
+/// A plain value: the client copies it when a request is made, so the caller
+/// may change or drop its own object right after the call; later changes do not
+/// reach requests already made. Not synchronised, like any Qt value.
 class TREL_HTTP_CLIENT_EXPORT HttpClientOptions
 {
 public:
+    /// Redirect responses after which a POST stays a POST (with its body);
+    /// without a flag, libcurl follows that redirect with a GET.
     enum HttpPostRedirFlags
     {
-        PostRedir301 = 0,
-        PostRedir302 = 1,
-        PostRedir303 = 2,
+        PostRedir301 = 0, ///< Keep POST after "301 Moved Permanently".
+        PostRedir302 = 1, ///< Keep POST after "302 Found".
+        PostRedir303 = 2, ///< Keep POST after "303 See Other".
     };
 
-    // All three flags; built when the library loads.
+    /// All three flags; built when the library loads.
     static const QSet<HttpPostRedirFlags> PostRedirAll;
 
+    /// The defaults: no timeout, a read size limit of 65536 bytes, no immediate
+    /// read, at most 5 redirects, no credentials sent on to redirect targets,
+    /// compression asked for, peers verified, no extra headers, no POST
+    /// redirect flags, and an empty caller context.
     HttpClientOptions();
 
-    // Shares the given context's payload (nothing changes when it already does).
+    /// Sets the caller context handed back beside every result of the request
+    /// (the `context` argument of a result slot). Shares \p userData's payload
+    /// (nothing changes when it already does); nothing in it is ever read or
+    /// changed by the client.
     void setUserData(const HttpClientPrivate& userData);
+    /// The caller context; a default-constructed HttpClientPrivate unless set.
     HttpClientPrivate userData() const;
 
+    /// Limits the whole transfer (resolving, connecting, sending and receiving)
+    /// to \p timeoutMs milliseconds; a request that runs longer ends with
+    /// HttpClientStatus::Timeout. Below 1 means no limit (the default, -1).
     void setTimeoutMs(int timeoutMs);
+    /// The transfer's time limit in milliseconds; below 1 means none.
     int timeoutMs() const;
 
+    /// Keeps at most \p readSizeLimit bytes of the response body (decoded).
+    /// A longer body ends the request with HttpClientStatus::Error and the body
+    /// up to the limit; 0 keeps nothing, so any body fails the request. Negative
+    /// means no limit. The default is 65536.
     void setReadSizeLimit(int readSizeLimit);
+    /// The most body bytes kept; negative means no limit.
     int readSizeLimit() const;
 
+    /// With \p immediateRead true, what has arrived is handed over after every
+    /// network event as a result with status HttpClientStatus::ImmediateRead,
+    /// and the final result carries only the rest. The read size limit applies
+    /// to what is held between two deliveries. Off by default.
     void setImmediateRead(bool immediateRead);
+    /// Whether early deliveries are on.
     bool immediateRead() const;
 
+    /// Follows at most \p maxRedirects redirects: 0 follows none (the redirect
+    /// response itself is the result), negative follows any number; one more
+    /// redirect than allowed ends with HttpClientStatus::Error. The default is 5.
     void setMaxRedirects(int maxRedirects);
+    /// The redirect limit: 0 none, negative any number.
     int maxRedirects() const;
 
+    /// With \p redirectAuth true, credentials (the URL's user info and an
+    /// `Authorization` header) are sent on to redirect targets on other hosts or
+    /// ports too; by default (false) they go only to the original host and port.
     void setRedirectAuth(bool redirectAuth);
+    /// Whether credentials go on to redirect targets.
     bool redirectAuth() const;
 
-    // true asks for no compressed content encodings.
+    /// \p disable true asks for no compressed content encodings. Otherwise (the
+    /// default) the request offers every encoding libcurl supports and the body
+    /// arrives decoded.
     void disableCompression(bool disable);
+    /// Whether compressed encodings are not asked for.
     bool isDisabledCompression() const;
 
+    /// Whether the server's TLS certificate is verified (the default, true).
+    /// false skips the check that the certificate chain is trusted (a
+    /// self-signed certificate passes), and also lets libcurl pick any HTTP
+    /// authentication method the server offers; meant for test servers only.
     void setVerifyPeer(bool verifyPeer);
+    /// Whether the server's TLS certificate is verified.
     bool verifyPeer() const;
 
+    /// Extra request header fields, sent as given; a field libcurl would send
+    /// itself is replaced by one of the same name. An `Authorization` or
+    /// `Cookie` field keeps a GET out of the response cache in both directions.
     void setHeaders(const HttpClientHeaders& headers);
+    /// The extra request header fields; empty unless set.
     HttpClientHeaders headers() const;
 
+    /// After which redirect responses a POST stays a POST; empty (the default)
+    /// lets libcurl turn it into a GET after 301, 302 and 303. PostRedirAll
+    /// keeps POST after all three.
     void setPostRedirectFlags(QSet<HttpPostRedirFlags> flags);
+    /// The POST redirect flags; empty unless set.
     QSet<HttpPostRedirFlags> postRedirectFlags() const;
 
 private:
@@ -68,6 +122,7 @@ private:
     QSet<HttpPostRedirFlags> postRedirectFlags_;
 };
 
+/// Hashes a POST redirect flag, so that it can be a QSet element.
 inline uint qHash(HttpClientOptions::HttpPostRedirFlags flag, uint seed = 0)
 {
     return ::qHash(static_cast<int>(flag), seed);

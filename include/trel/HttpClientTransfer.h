@@ -1,3 +1,5 @@
+/// \file
+/// HttpClientTransfer: one HTTP exchange on one libcurl easy handle, as HttpClient runs it.
 #pragma once
 
 #include <trel/HttpClientHeaders.h>
@@ -22,26 +24,46 @@
 #include <functional>
 #include <memory>
 
-// One HTTP exchange: owns one curl easy handle configured from the request's
-// options, collects the response, and reports through its completion callback
-// exactly once per start (finish or cancel). Runs on the client's thread.
+/// One HTTP exchange: owns one curl easy handle configured from the request's
+/// options, collects the response, and reports through its completion callback
+/// exactly once per start (finish or cancel). Runs on the client's thread.
+///
+/// HttpClient creates one per request (and per HTTP/2 push), keeps it in its
+/// table under the request id while it runs, and turns its report into the
+/// request's result; applications use HttpClient instead. Order of use: create,
+/// optionally setDataToUpload(), start(), then update() after every socket
+/// action and finish() or cancel() once. With immediate read on, update()
+/// reports HttpClientStatus::ImmediateRead any number of times before the final
+/// report. The completion callback runs synchronously inside these calls (and
+/// inside the destructor); the client queues what it delivers.
 class TREL_HTTP_CLIENT_EXPORT HttpClientTransfer : public QObject
 {
     Q_OBJECT
 
 public:
+    /// Receives each report: status, HTTP response code (0 when no response was
+    /// obtained, -1 after cancel()), body and response header fields. Must not
+    /// be empty (an empty one throws std::bad_function_call when called).
     using Completion = std::function<void(HttpClientStatus, long, QByteArray, HttpClientHeaders)>;
 
-    // A request body written to a temporary file; the file leaves the disk with
-    // the last reference to this object.
+    /// A request body written to a temporary file; the file leaves the disk with
+    /// the last reference to this object.
+    ///
+    /// Made by HttpClient::postFile() and shared with the transfer that sends
+    /// it, so the file stays while libcurl may still read it.
     class TREL_HTTP_CLIENT_EXPORT File
     {
     public:
+        /// Writes \p data to a new temporary file `trel-http-fetcher.XXXXXX` in
+        /// the system's temporary directory and closes it (libcurl opens it again
+        /// by path). A failure logs an ERROR line and leaves the object invalid.
         explicit File(const QByteArray& data);
+        /// Not copyable.
         File(const File&) = delete;
+        /// Not copyable.
         File& operator=(const File&) = delete;
 
-        // The file's full path while valid, otherwise empty.
+        /// The file's full path while valid, otherwise empty.
         QString fileName();
 
     private:
@@ -49,43 +71,110 @@ public:
         bool valid = false;
     };
 
-    // What libcurl's write and header callbacks fill.
+    /// What libcurl's write and header callbacks fill; emptied by each
+    /// ImmediateRead report.
     struct ReceiveBuffer
     {
-        QByteArray body;
-        QByteArray headerBlock;
-        std::int64_t sizeLimit = 0; // compared unsigned: negative means no limit
-        bool overLimit = false; // a write was trimmed at sizeLimit
+        QByteArray body; ///< Response body bytes received, at most sizeLimit of them.
+        QByteArray headerBlock; ///< Raw header lines of every response received, status lines included.
+        std::int64_t sizeLimit = 0; ///< Most body bytes kept; compared unsigned: negative means no limit.
+        bool overLimit = false; ///< A write was trimmed at sizeLimit (the failure's reason says so).
     };
 
+    /// Creates the easy handle for a request and configures it from \p options:
+    /// request headers, TLS verification, compression, HTTP version, the URL,
+    /// http/https only (redirects included), redirects, keep-alive, the timeout
+    /// and the method. Not started; when libcurl cannot make a handle,
+    /// handle() is null and the object must not be started.
+    /// \param httpVersion HttpClient::HttpVersion as an int: 1 asks for HTTP/2.
+    /// \param url the URL as sent on the wire, copied.
+    /// \param method HttpClient::HttpMethod as an int.
+    /// \param options the request's settings, copied.
+    /// \param callback receives every report.
     HttpClientTransfer(int httpVersion, const TrelUrl& url, int method, const HttpClientOptions& options,
         Completion callback);
-    // Adopts the easy handle of an HTTP/2 pushed stream, already part of `multi`.
+    /// Adopts the easy handle of an HTTP/2 pushed stream, already part of `multi`.
+    /// The transfer is active at once (never call start()), takes ownership of
+    /// \p easy and uses only the read size limit and immediate read of \p options.
+    /// \param httpVersion unused.
+    /// \param easy the pushed stream's easy handle (a `CURL*`).
+    /// \param multi the multi handle (a `CURLM*`) libcurl already added it to.
+    /// \param options settings of pushed transfers (HttpClient::setPushProperties()).
+    /// \param callback receives every report.
     HttpClientTransfer(
         int httpVersion, void* easy, void* multi, const HttpClientOptions& options, Completion callback);
+    /// Cancels the transfer if still active (the callback then receives its
+    /// Error/-1 report from here), detaches from the upload queue's watcher, and
+    /// frees the easy handle.
     ~HttpClientTransfer() override;
 
+    /// Not copyable.
     HttpClientTransfer(const HttpClientTransfer&) = delete;
+    /// Not copyable.
     HttpClientTransfer& operator=(const HttpClientTransfer&) = delete;
 
-    // The easy handle; null when libcurl could not make one.
+    /// The easy handle (a `CURL*`), owned by the transfer; null when libcurl
+    /// could not make one.
     void* handle();
 
+    /// Sends a copy of \p data as the request body, with its length. Call before start().
+    /// \return false (an ERROR log line) for a GET or HEAD transfer.
     bool setDataToUpload(const QByteArray& data);
+    /// Sends \p form as a `multipart/form-data` body, one part per (name,
+    /// value) pair in order, UTF-8. Call before start().
+    /// \return false (an ERROR log line) for a GET or HEAD transfer or when a
+    ///         part cannot be built.
     bool setDataToUpload(const QList<QPair<QString, QString>>& form);
+    /// Sends \p file as a `multipart/form-data` body with one part named
+    /// `filename` of type `application/octet-stream`, and keeps a reference to
+    /// it while the transfer lives. Call before start().
+    /// \return false (an ERROR log line) for a GET or HEAD transfer, an invalid
+    ///         file, or a part that cannot be built.
     bool setDataToUpload(const QSharedPointer<File>& file);
+    /// Streams the body from \p queue, with unknown length (chunked over
+    /// HTTP/1.1), and sets this transfer as the queue's ready watcher so that a
+    /// paused upload resumes on the client's thread. Keeps a reference to the
+    /// queue while the transfer lives. Call before start().
+    /// \return false (an ERROR log line) for a GET or HEAD transfer.
     bool setDataToUpload(const QSharedPointer<HttpClientQueue>& queue);
 
-    // Called after every socket action: with immediate-read on, hands what has
-    // arrived so far to the callback as `ImmediateRead` and empties the buffers.
+    /// Called after every socket action: with immediate-read on, hands what has
+    /// arrived so far to the callback as `ImmediateRead` and empties the buffers.
+    /// Does nothing otherwise, or when nothing has arrived since the last report.
     void update();
+    /// Adds the easy handle to \p multi: the exchange begins as \p multi is
+    /// driven. Starting an active transfer logs a FATAL line and does nothing.
     void start(CURLM* multi);
+    /// Ends the transfer with libcurl's CURLMSG_DONE \p message: removes the
+    /// handle from the multi handle and reports the status the result code maps
+    /// to, the response code, the body and the headers (with
+    /// `X-TrelEfectiveUrl` when the status is `OK`). On an inactive transfer it
+    /// logs an ERROR line and does nothing.
     void finish(CURLMsg* message);
+    /// Stops an active transfer: removes the handle from the multi handle and
+    /// reports HttpClientStatus::Error, code -1, empty body and headers. On an
+    /// inactive transfer it logs an ERROR line and does nothing.
     void cancel();
+    /// The URL \p easy (a `CURL*`) ended at after redirects; empty when libcurl
+    /// has none.
     QString getEffectiveUrl(void* easy);
 
+    /// libcurl's header callback (CURLOPT_HEADERFUNCTION): appends the line to
+    /// ReceiveBuffer::headerBlock of \p receiveBuffer.
+    /// \return `size * count`: every byte taken.
     static size_t curlWriteHeader(void* data, size_t size, size_t count, void* receiveBuffer);
+    /// libcurl's write callback (CURLOPT_WRITEFUNCTION): appends body bytes to
+    /// the ReceiveBuffer \p receiveBuffer up to its size limit (an ERROR log line
+    /// when it trims).
+    /// \return the bytes taken; fewer than `size * count` when the limit is
+    ///         reached, which makes libcurl end the transfer with an error.
     static size_t curlWriteFunc(void* data, size_t size, size_t count, void* receiveBuffer);
+    /// libcurl's read callback for a streamed body (CURLOPT_READFUNCTION): takes
+    /// what \p queue (an HttpClientQueue) holds with
+    /// HttpClientQueue::readAvailable(), never blocking.
+    /// \return the bytes copied into \p buffer; CURL_READFUNC_PAUSE when the
+    ///         queue is open and empty (its watcher resumes the upload); 0 at
+    ///         the end of the body, once the queue is closed and drained.
     static size_t streamReadCallback(void* buffer, size_t size, size_t count, void* queue);
 
 private:
