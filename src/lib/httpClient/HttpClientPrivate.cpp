@@ -109,15 +109,14 @@ CMRequest HttpClientPrivate::getCMRequestSec() const
 namespace {
 
 // Views the request as one kind: a handle to its data when the data is of that
-// kind's class, a null handle otherwise. The held copy keeps the data alive
-// while it is examined.
+// kind's class, a null handle otherwise. The caller's request keeps the data
+// alive while it is examined.
 template <typename Kind> Kind requestAs(const CMRequest& request)
 {
-    const CMRequest held = request;
-    if (held.isNull()) {
+    if (request.isNull()) {
         return Kind();
     }
-    auto* data = dynamic_cast<typename Kind::Data*>(held.data());
+    auto* data = dynamic_cast<typename Kind::Data*>(request.data());
     return data ? Kind(data) : Kind();
 }
 
