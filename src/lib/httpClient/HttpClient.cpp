@@ -47,7 +47,10 @@ HttpClient::HttpClient(QObject* parent, HttpVersion version, bool encodePlusSign
     , encodePlusSign(encodePlusSign)
     , writeNotifiersBlocked(this)
 {
-    TREL_ENTER("HttpClient::HttpClient(QObject*, HttpClient::HttpVersion, bool)",
+    // The one hand-written label: GCC spells a nested type of the function's own
+    // class without the class ("HttpVersion"), and log readers match this line
+    // with the type named in full.
+    TREL_ENTER_AS("HttpClient::HttpClient(QObject*, HttpClient::HttpVersion, bool)",
         "HttpVersion: " << static_cast<int>(version) << " encodePlusSign: " << encodePlusSign);
     multi = curl_multi_init();
     curl_multi_setopt(multi, CURLMOPT_SOCKETFUNCTION, &HttpClient::handleSocket);
@@ -79,7 +82,7 @@ HttpClient::HttpClient(QObject* parent, HttpVersion version, bool encodePlusSign
 
 HttpClient::~HttpClient()
 {
-    TREL_ENTER("virtual HttpClient::~HttpClient()", "");
+    TREL_ENTER("");
     // Every live transfer still reports its one result (Error, -1).
     const QList<void*> ids = transfers.keys();
     for (void* id : ids) {
@@ -125,8 +128,7 @@ QString HttpClient::toString(HttpClientStatus status)
 int HttpClient::handleSocket(CURL* /*easy*/, curl_socket_t s, int what, void* userp, void* /*socketp*/)
 {
     auto* const client = static_cast<HttpClient*>(userp);
-    TREL_ENTER("static int HttpClient::handleSocket(CURL*, curl_socket_t, int, void*, void*)",
-        "Socket: " << s << " action " << what);
+    TREL_ENTER("Socket: " << s << " action " << what);
     switch (what) {
     case CURL_POLL_IN:
         client->writeWantedSockets.remove(s);
@@ -161,8 +163,7 @@ QSharedPointer<QSocketNotifier> HttpClient::makeNotifier(curl_socket_t socket, Q
 // the socket is removed (idle write notifiers are throttled instead).
 void HttpClient::listenSocket(curl_socket_t socket, bool in, bool out)
 {
-    TREL_ENTER("void HttpClient::listenSocket(curl_socket_t, bool, bool)",
-        "Listen socket " << socket << " in " << in << " out " << out);
+    TREL_ENTER("Listen socket " << socket << " in " << in << " out " << out);
     if (in) {
         if (readNotifiers.contains(socket)) {
             TREL_TRACE("in, already present");
@@ -194,7 +195,7 @@ void HttpClient::listenSocket(curl_socket_t socket, bool in, bool out)
 
 void HttpClient::removeSocket(curl_socket_t socket)
 {
-    TREL_ENTER("void HttpClient::removeSocket(curl_socket_t)", "Remove socket " << socket);
+    TREL_ENTER("Remove socket " << socket);
     readNotifiers.remove(socket);
     writeNotifiers.remove(socket);
     // blockedWriteSockets keeps the descriptor until the next release drops it.
@@ -223,13 +224,13 @@ void HttpClient::on_timer_timeout()
 
 void HttpClient::on_readNotifier_activated(int socket)
 {
-    TREL_ENTER("void HttpClient::on_readNotifier_activated(int)", socket);
+    TREL_ENTER(socket);
     on_transfer_socketData(socket, CURL_CSELECT_IN);
 }
 
 void HttpClient::on_writeNotifier_activated(int socket)
 {
-    TREL_ENTER("void HttpClient::on_writeNotifier_activated(int)", socket);
+    TREL_ENTER(socket);
     on_transfer_socketData(socket, CURL_CSELECT_OUT);
     // A socket libcurl still writes to stays enabled; one it no longer asks
     // to write to would fire on every turn, so it is silenced for a while.
@@ -250,7 +251,7 @@ void HttpClient::blockWriteNotifier(int socket)
 
 void HttpClient::on_writeNotifiersBlocked_timeout()
 {
-    TREL_ENTER("void HttpClient::on_writeNotifiersBlocked_timeout()", "");
+    TREL_ENTER("");
     const QSet<int> blocked = blockedWriteSockets;
     for (const int socket : blocked) {
         const auto notifier = writeNotifiers.value(socket);
@@ -300,7 +301,7 @@ template <typename T>
 void* HttpClient::send(const TrelUrl& url, HttpMethod method, const T& body, const HttpClientOptions& options,
     const Reply& reply, const char* signature)
 {
-    TREL_ENTER(signature,
+    TREL_ENTER_AS(signature,
         "Url: " << url << ", method: " << static_cast<int>(method) << ", timeout: " << options.timeoutMs()
                 << "ms");
     if (!onOwnThread(signature)) {
@@ -357,9 +358,7 @@ bool HttpClient::onOwnThread(const char* operation) const
 QSharedPointer<HttpClientTransfer> HttpClient::createTransfer(
     TrelUrl url, HttpMethod method, const HttpClientOptions& options, const Reply& reply)
 {
-    TREL_ENTER("QSharedPointer<HttpClientTransfer> HttpClient::createTransfer(TrelUrl, "
-               "HttpClient::HttpMethod, const HttpClientOptions&, const HttpClient::Reply&)",
-        "Url: " << url << " method: " << static_cast<int>(method));
+    TREL_ENTER("Url: " << url << " method: " << static_cast<int>(method));
     // The caller's own URL, before rewriting: results and the cache use it.
     const bool offerToCache = method == Get && !carriesCredentials(options);
     auto completion = [this, callerUrl = url, offerToCache, options, reply](
@@ -385,141 +384,110 @@ QSharedPointer<HttpClientTransfer> HttpClient::createTransfer(
 void* HttpClient::get(
     const TrelUrl& url, QObject* receiver, const char* slot, const HttpClientOptions& options)
 {
-    return send(url, Get, QByteArray(), options, Reply::toSlot(receiver, slot),
-        "void* HttpClient::get(const TrelUrl&, QObject*, const char*, const HttpClientOptions&)");
+    return send(url, Get, QByteArray(), options, Reply::toSlot(receiver, slot), __PRETTY_FUNCTION__);
 }
 
 void* HttpClient::get(const TrelUrl& url, const HttpClientOptions& options, Callback callback)
 {
-    return send(url, Get, QByteArray(), options, Reply::toCallback(std::move(callback)),
-        "void* HttpClient::get(const TrelUrl&, const HttpClientOptions&, HttpClient::Callback)");
+    return send(url, Get, QByteArray(), options, Reply::toCallback(std::move(callback)), __PRETTY_FUNCTION__);
 }
 
 void* HttpClient::head(
     const TrelUrl& url, QObject* receiver, const char* slot, const HttpClientOptions& options)
 {
-    return send(url, Head, QByteArray(), options, Reply::toSlot(receiver, slot),
-        "void* HttpClient::head(const TrelUrl&, QObject*, const char*, const HttpClientOptions&)");
+    return send(url, Head, QByteArray(), options, Reply::toSlot(receiver, slot), __PRETTY_FUNCTION__);
 }
 
 void* HttpClient::head(const TrelUrl& url, const HttpClientOptions& options, Callback callback)
 {
-    return send(url, Head, QByteArray(), options, Reply::toCallback(std::move(callback)),
-        "void* HttpClient::head(const TrelUrl&, const HttpClientOptions&, HttpClient::Callback)");
+    return send(
+        url, Head, QByteArray(), options, Reply::toCallback(std::move(callback)), __PRETTY_FUNCTION__);
 }
 
 void* HttpClient::post(const TrelUrl& url, const QByteArray& data, QObject* receiver, const char* slot,
     const HttpClientOptions& options)
 {
-    return send(url, Post, data, options, Reply::toSlot(receiver, slot),
-        "void* HttpClient::post(const TrelUrl&, const QByteArray&, QObject*, const char*, "
-        "const HttpClientOptions&)");
+    return send(url, Post, data, options, Reply::toSlot(receiver, slot), __PRETTY_FUNCTION__);
 }
 
 void* HttpClient::post(
     const TrelUrl& url, const QByteArray& data, const HttpClientOptions& options, Callback callback)
 {
-    return send(url, Post, data, options, Reply::toCallback(std::move(callback)),
-        "void* HttpClient::post(const TrelUrl&, const QByteArray&, const HttpClientOptions&, "
-        "HttpClient::Callback)");
+    return send(url, Post, data, options, Reply::toCallback(std::move(callback)), __PRETTY_FUNCTION__);
 }
 
 void* HttpClient::put(const TrelUrl& url, const QByteArray& data, QObject* receiver, const char* slot,
     const HttpClientOptions& options)
 {
-    return send(url, Put, data, options, Reply::toSlot(receiver, slot),
-        "void* HttpClient::put(const TrelUrl&, const QByteArray&, QObject*, const char*, "
-        "const HttpClientOptions&)");
+    return send(url, Put, data, options, Reply::toSlot(receiver, slot), __PRETTY_FUNCTION__);
 }
 
 void* HttpClient::put(
     const TrelUrl& url, const QByteArray& data, const HttpClientOptions& options, Callback callback)
 {
-    return send(url, Put, data, options, Reply::toCallback(std::move(callback)),
-        "void* HttpClient::put(const TrelUrl&, const QByteArray&, const HttpClientOptions&, "
-        "HttpClient::Callback)");
+    return send(url, Put, data, options, Reply::toCallback(std::move(callback)), __PRETTY_FUNCTION__);
 }
 
 void* HttpClient::delete_(const TrelUrl& url, const QByteArray& data, QObject* receiver, const char* slot,
     const HttpClientOptions& options)
 {
-    return send(url, Delete, data, options, Reply::toSlot(receiver, slot),
-        "void* HttpClient::delete_(const TrelUrl&, const QByteArray&, QObject*, const char*, "
-        "const HttpClientOptions&)");
+    return send(url, Delete, data, options, Reply::toSlot(receiver, slot), __PRETTY_FUNCTION__);
 }
 
 void* HttpClient::delete_(
     const TrelUrl& url, const QByteArray& data, const HttpClientOptions& options, Callback callback)
 {
-    return send(url, Delete, data, options, Reply::toCallback(std::move(callback)),
-        "void* HttpClient::delete_(const TrelUrl&, const QByteArray&, const HttpClientOptions&, "
-        "HttpClient::Callback)");
+    return send(url, Delete, data, options, Reply::toCallback(std::move(callback)), __PRETTY_FUNCTION__);
 }
 
 void* HttpClient::patch(const TrelUrl& url, const QByteArray& data, QObject* receiver, const char* slot,
     const HttpClientOptions& options)
 {
-    return send(url, Patch, data, options, Reply::toSlot(receiver, slot),
-        "void* HttpClient::patch(const TrelUrl&, const QByteArray&, QObject*, const char*, "
-        "const HttpClientOptions&)");
+    return send(url, Patch, data, options, Reply::toSlot(receiver, slot), __PRETTY_FUNCTION__);
 }
 
 void* HttpClient::patch(
     const TrelUrl& url, const QByteArray& data, const HttpClientOptions& options, Callback callback)
 {
-    return send(url, Patch, data, options, Reply::toCallback(std::move(callback)),
-        "void* HttpClient::patch(const TrelUrl&, const QByteArray&, const HttpClientOptions&, "
-        "HttpClient::Callback)");
+    return send(url, Patch, data, options, Reply::toCallback(std::move(callback)), __PRETTY_FUNCTION__);
 }
 
 void* HttpClient::postStream(const TrelUrl& url, QSharedPointer<HttpClientQueue> queue, QObject* receiver,
     const char* slot, const HttpClientOptions& options)
 {
-    return send(url, Post, queue, options, Reply::toSlot(receiver, slot),
-        "void* HttpClient::postStream(const TrelUrl&, QSharedPointer<HttpClientQueue>, QObject*, "
-        "const char*, const HttpClientOptions&)");
+    return send(url, Post, queue, options, Reply::toSlot(receiver, slot), __PRETTY_FUNCTION__);
 }
 
 void* HttpClient::postStream(const TrelUrl& url, QSharedPointer<HttpClientQueue> queue,
     const HttpClientOptions& options, Callback callback)
 {
-    return send(url, Post, queue, options, Reply::toCallback(std::move(callback)),
-        "void* HttpClient::postStream(const TrelUrl&, QSharedPointer<HttpClientQueue>, "
-        "const HttpClientOptions&, HttpClient::Callback)");
+    return send(url, Post, queue, options, Reply::toCallback(std::move(callback)), __PRETTY_FUNCTION__);
 }
 
 void* HttpClient::postForm(const TrelUrl& url, const QList<QPair<QString, QString>>& fields,
     QObject* receiver, const char* slot, const HttpClientOptions& options)
 {
-    return send(url, Post, fields, options, Reply::toSlot(receiver, slot),
-        "void* HttpClient::postForm(const TrelUrl&, const QList<QPair<QString, QString> >&, "
-        "QObject*, const char*, const HttpClientOptions&)");
+    return send(url, Post, fields, options, Reply::toSlot(receiver, slot), __PRETTY_FUNCTION__);
 }
 
 void* HttpClient::postForm(const TrelUrl& url, const QList<QPair<QString, QString>>& fields,
     const HttpClientOptions& options, Callback callback)
 {
-    return send(url, Post, fields, options, Reply::toCallback(std::move(callback)),
-        "void* HttpClient::postForm(const TrelUrl&, const QList<QPair<QString, QString> >&, "
-        "const HttpClientOptions&, HttpClient::Callback)");
+    return send(url, Post, fields, options, Reply::toCallback(std::move(callback)), __PRETTY_FUNCTION__);
 }
 
 void* HttpClient::postFile(const TrelUrl& url, const QByteArray& data, QObject* receiver, const char* slot,
     const HttpClientOptions& options)
 {
     return send(url, Post, QSharedPointer<HttpClientTransfer::File>::create(data), options,
-        Reply::toSlot(receiver, slot),
-        "void* HttpClient::postFile(const TrelUrl&, const QByteArray&, QObject*, const char*, "
-        "const HttpClientOptions&)");
+        Reply::toSlot(receiver, slot), __PRETTY_FUNCTION__);
 }
 
 void* HttpClient::postFile(
     const TrelUrl& url, const QByteArray& data, const HttpClientOptions& options, Callback callback)
 {
     return send(url, Post, QSharedPointer<HttpClientTransfer::File>::create(data), options,
-        Reply::toCallback(std::move(callback)),
-        "void* HttpClient::postFile(const TrelUrl&, const QByteArray&, const HttpClientOptions&, "
-        "HttpClient::Callback)");
+        Reply::toCallback(std::move(callback)), __PRETTY_FUNCTION__);
 }
 
 // ---------------------------------------------------------------------------
@@ -527,8 +495,8 @@ void* HttpClient::postFile(
 
 bool HttpClient::cancel(void* id)
 {
-    TREL_ENTER("bool HttpClient::cancel(void*)", "Id: " << id);
-    if (!onOwnThread("bool HttpClient::cancel(void*)")) {
+    TREL_ENTER("Id: " << id);
+    if (!onOwnThread(__PRETTY_FUNCTION__)) {
         return false;
     }
     const QSharedPointer<HttpClientTransfer> transfer = takeTransfer(id);
@@ -542,8 +510,8 @@ bool HttpClient::cancel(void* id)
 
 void HttpClient::setCacheSize(size_t size)
 {
-    TREL_ENTER("void HttpClient::setCacheSize(size_t)", "Cache size: " << size);
-    if (!onOwnThread("void HttpClient::setCacheSize(size_t)")) {
+    TREL_ENTER("Cache size: " << size);
+    if (!onOwnThread(__PRETTY_FUNCTION__)) {
         return;
     }
     cache.setCacheSize(static_cast<int>(size));
@@ -551,8 +519,8 @@ void HttpClient::setCacheSize(size_t size)
 
 void HttpClient::clearCache()
 {
-    TREL_ENTER("void HttpClient::clearCache()", "");
-    if (!onOwnThread("void HttpClient::clearCache()")) {
+    TREL_ENTER("");
+    if (!onOwnThread(__PRETTY_FUNCTION__)) {
         return;
     }
     cache.clear();
@@ -598,9 +566,8 @@ void HttpClient::on_notifyCaller_sync(const HttpClient::Result& result, HttpClie
 
 void HttpClient::setPushProperties(QObject* receiver, const char* slot, const HttpClientOptions& options)
 {
-    TREL_ENTER("void HttpClient::setPushProperties(QObject*, const char*, const HttpClientOptions&)",
-        "Slot: " << (slot ? slot : ""));
-    if (!onOwnThread("void HttpClient::setPushProperties(QObject*, const char*, const HttpClientOptions&)")) {
+    TREL_ENTER("Slot: " << (slot ? slot : ""));
+    if (!onOwnThread(__PRETTY_FUNCTION__)) {
         return;
     }
     pushOptions = options;

@@ -54,9 +54,7 @@ const HttpClientCacheEntry* HttpClientCache::retrieve(const TrelUrl& url)
 bool HttpClientCache::tryCache(const TrelUrl& url, HttpClientStatus status, int code,
     const HttpClientHeaders& headers, const QByteArray& body)
 {
-    TREL_ENTER("bool HttpClientCache::tryCache(const TrelUrl&, HttpClientStatus, int, "
-               "const HttpClientHeaders&, const QByteArray&)",
-        "Url: " << url << " status: " << status << " code: " << code << " header: " << headers);
+    TREL_ENTER("Url: " << url << " status: " << status << " code: " << code << " header: " << headers);
     if (entries.maxCost() == 0 || variesBeyondEncoding(headers)
         || !HttpClientCacheEntry::shouldCache(headers)) {
         return false;
@@ -70,12 +68,12 @@ bool HttpClientCache::tryCache(const TrelUrl& url, HttpClientStatus status, int 
 
 void HttpClientCache::setCacheSize(int size)
 {
-    TREL_ENTER("void HttpClientCache::setCacheSize(int)", "Bytes " << size);
+    TREL_ENTER("Bytes " << size);
     entries.setMaxCost(size);
 }
 
 void HttpClientCache::clear()
 {
-    TREL_ENTER("void HttpClientCache::clear()", "");
+    TREL_ENTER("");
     entries.clear();
 }

@@ -255,7 +255,7 @@ QSharedPointer<curl_mime> HttpClientTransfer::newMime()
 
 bool HttpClientTransfer::setDataToUpload(const QByteArray& data)
 {
-    TREL_ENTER("bool HttpClientTransfer::setDataToUpload(const QByteArray&)", "Data size: " << data.size());
+    TREL_ENTER("Data size: " << data.size());
     if (!acceptsBody()) {
         return false;
     }
@@ -268,8 +268,7 @@ bool HttpClientTransfer::setDataToUpload(const QByteArray& data)
 
 bool HttpClientTransfer::setDataToUpload(const QList<QPair<QString, QString>>& form)
 {
-    TREL_ENTER("bool HttpClientTransfer::setDataToUpload(const QList<QPair<QString, QString> >&)",
-        "Form size: " << form.size());
+    TREL_ENTER("Form size: " << form.size());
     if (!acceptsBody()) {
         return false;
     }
@@ -294,8 +293,7 @@ bool HttpClientTransfer::setDataToUpload(const QList<QPair<QString, QString>>& f
 
 bool HttpClientTransfer::setDataToUpload(const QSharedPointer<File>& file)
 {
-    TREL_ENTER("bool HttpClientTransfer::setDataToUpload(const QSharedPointer<HttpClientTransfer::File>&)",
-        "File: " << file->fileName());
+    TREL_ENTER("File: " << file->fileName());
     if (!acceptsBody()) {
         return false;
     }
@@ -326,7 +324,7 @@ bool HttpClientTransfer::setDataToUpload(const QSharedPointer<File>& file)
 
 bool HttpClientTransfer::setDataToUpload(const QSharedPointer<HttpClientQueue>& queue)
 {
-    TREL_ENTER("bool HttpClientTransfer::setDataToUpload(const QSharedPointer<HttpClientQueue>&)", "Stream");
+    TREL_ENTER("Stream");
     if (!acceptsBody()) {
         return false;
     }

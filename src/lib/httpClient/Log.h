@@ -41,8 +41,11 @@ inline log4cplus::Logger libraryLogger()
 #define TREL_FATAL(message) TREL_LOG(log4cplus::FATAL_LOG_LEVEL, message)
 
 // "Enter <label>: <message>", where the label is the platform's name for the
-// operation's full signature.
-#define TREL_ENTER(signature, message)                                                                       \
+// enclosing function's full signature as the compiler spells it, so a renamed
+// parameter type can never leave a stale entry line behind.
+#define TREL_ENTER(message) TREL_ENTER_AS(__PRETTY_FUNCTION__, message)
+// The same for a signature handed down from the operation the caller called.
+#define TREL_ENTER_AS(signature, message)                                                                    \
     TREL_TRACE("Enter " << dbglog_scopedFunction(signature, "HttpClient") << ": " << message)
 
 // A contract check that stays on in every build type and names the condition.
