@@ -20,11 +20,13 @@
 #include <QSocketNotifier>
 #include <QString>
 #include <QTimer>
+#include <QWeakPointer>
 
 #include <curl/curl.h>
 
 #include <cstddef>
 #include <functional>
+#include <vector>
 
 // An asynchronous HTTP client for the thread that owns it and runs its Qt event
 // loop. Every request call returns at once with an id (the transfer's curl easy
@@ -166,6 +168,10 @@ private:
     QSet<int> writeWantedSockets;
     QTimer writeNotifiersBlocked;
     QHash<void*, QSharedPointer<HttpClientTransfer>> transfers;
+    // The live transfers with immediate read on, in the order they started: the
+    // only ones the sweep after a socket action visits. Weak, so a transfer that
+    // leaves `transfers` is gone from here too; the sweep drops expired entries.
+    std::vector<QWeakPointer<HttpClientTransfer>> immediateReadTransfers;
     HttpClientCache cache;
 };
 

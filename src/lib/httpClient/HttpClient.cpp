@@ -239,11 +239,24 @@ void HttpClient::on_transfer_socketData(int socket, int flags)
 {
     int running = 0;
     curl_multi_socket_action(multi, socket, flags, &running);
-    // Every live transfer looks at what arrived, not only the one whose socket fired.
-    const auto live = transfers;
-    for (const auto& transfer : live) {
+    // Only immediate-read transfers have anything to hand over between network
+    // events, so only they are visited: one event costs the same however many
+    // other transfers are live. Each looks at what arrived, not only the one whose
+    // socket fired. Entries of transfers that have left the table (finished,
+    // cancelled) have expired and are dropped here. update() only queues.
+    std::size_t kept = 0;
+    for (std::size_t i = 0; i < immediateReadTransfers.size(); ++i) {
+        const QSharedPointer<HttpClientTransfer> transfer = immediateReadTransfers[i].toStrongRef();
+        if (!transfer) {
+            continue;
+        }
         transfer->update();
+        if (kept != i) {
+            immediateReadTransfers[kept] = immediateReadTransfers[i];
+        }
+        ++kept;
     }
+    immediateReadTransfers.resize(kept);
     harvestFinishedTransfers();
 }
 
@@ -292,6 +305,9 @@ void* HttpClient::send(const TrelUrl& url, HttpMethod method, const T& body, con
     }
     void* const id = transfer->handle();
     transfers.insert(id, transfer);
+    if (options.immediateRead()) {
+        immediateReadTransfers.push_back(transfer);
+    }
     transfer->start(multi);
     return id;
 }
@@ -550,5 +566,8 @@ int HttpClient::serverPushCallback(
         static_cast<void*>(easy), static_cast<void*>(client->multi), client->pushOptions,
         std::move(completion));
     client->transfers.insert(transfer->handle(), transfer);
+    if (client->pushOptions.immediateRead()) {
+        client->immediateReadTransfers.push_back(transfer);
+    }
     return CURL_PUSH_OK;
 }
