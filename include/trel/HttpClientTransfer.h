@@ -54,6 +54,13 @@ public:
         QByteArray body;
         QByteArray headerBlock;
         std::int64_t sizeLimit = 0; // compared unsigned: negative means no limit
+        // Content-Length of the response whose headers arrived last; -1 when it
+        // sent none. Each status line (redirects, interim 1xx) starts afresh.
+        std::int64_t announcedLength = -1;
+        // Whether the first body bytes reserve room for the announced length:
+        // not for bodies handed over in pieces (immediate read) or HEAD, whose
+        // Content-Length describes a body that never comes.
+        bool reserveAnnounced = true;
     };
 
     HttpClientTransfer(int httpVersion, const TrelUrl& url, int method, const HttpClientOptions& options,
@@ -98,6 +105,7 @@ private:
         void operator()(curl_slist* list) const { curl_slist_free_all(list); }
     };
 
+    static void reserveAnnounced(ReceiveBuffer& buffer);
     bool acceptsBody();
     void configure(int httpVersion);
     void installReceiveCallbacks();

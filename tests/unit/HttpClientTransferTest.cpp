@@ -101,6 +101,7 @@ TEST(HttpClientTransferConfig, DefaultsFollowFiveRedirectsNoTimeoutCompressionAn
     EXPECT_EQ(easyOption(*transfer, CURLOPT_TCP_KEEPALIVE), 1);
     EXPECT_EQ(easyOption(*transfer, CURLOPT_TCP_KEEPIDLE), 60);
     EXPECT_EQ(easyOption(*transfer, CURLOPT_TCP_KEEPINTVL), 60);
+    EXPECT_EQ(easyOption(*transfer, CURLOPT_BUFFERSIZE), 512 * 1024);
     EXPECT_EQ(curlOptions::easy(transfer->handle(), CURLOPT_URL)->text, "http://127.0.0.1:9/");
     const auto encoding = curlOptions::easy(transfer->handle(), CURLOPT_ACCEPT_ENCODING);
     ASSERT_TRUE(encoding);
@@ -472,6 +473,100 @@ TEST(HttpClientTransferReceive, HeaderCallbackAccumulatesEverythingWithoutLimit)
     EXPECT_EQ(feedHeader(*transfer, "HTTP/1.1 302 Found\r\n"), 20u);
     EXPECT_EQ(feedHeader(*transfer, "Location: /x\r\n\r\n"), 16u);
     EXPECT_EQ(Access::buffer(*transfer).headerBlock, "HTTP/1.1 302 Found\r\nLocation: /x\r\n\r\n");
+}
+
+TEST(HttpClientTransferReceive, AnnouncedLengthIsReservedAtTheFirstBodyBytes)
+{
+    TransferFactory factory;
+    HttpClientOptions options;
+    options.setReadSizeLimit(-1);
+    auto transfer = factory.make(HttpClient::Get, options);
+    feedHeader(*transfer, "HTTP/1.1 200 OK\r\n");
+    feedHeader(*transfer, "Content-Length: 300000\r\n");
+    feedHeader(*transfer, "\r\n");
+    EXPECT_EQ(Access::buffer(*transfer).body.capacity(), 0); // nothing before the body starts
+    EXPECT_EQ(feedBody(*transfer, "abc"), 3u);
+    EXPECT_GE(Access::buffer(*transfer).body.capacity(), 300000);
+    EXPECT_EQ(Access::buffer(*transfer).body, "abc");
+    EXPECT_EQ(Access::buffer(*transfer).headerBlock, "HTTP/1.1 200 OK\r\nContent-Length: 300000\r\n\r\n");
+}
+
+TEST(HttpClientTransferReceive, ReservationNeverExceedsTheReadSizeLimit)
+{
+    TransferFactory factory;
+    HttpClientOptions options;
+    options.setReadSizeLimit(1000);
+    auto transfer = factory.make(HttpClient::Get, options);
+    feedHeader(*transfer, "HTTP/2 200 \r\n");
+    feedHeader(*transfer, "content-length: 5000000\r\n"); // HTTP/2 names are lower case
+    feedBody(*transfer, "abc");
+    EXPECT_GE(Access::buffer(*transfer).body.capacity(), 1000);
+    EXPECT_LT(Access::buffer(*transfer).body.capacity(), 5000000);
+    EXPECT_LE(Access::buffer(*transfer).body.capacity(), 4096);
+}
+
+TEST(HttpClientTransferReceive, OnlyTheLastResponsesLengthCounts)
+{
+    TransferFactory factory;
+    HttpClientOptions options;
+    options.setReadSizeLimit(-1);
+    auto transfer = factory.make(HttpClient::Get, options);
+    // A followed redirect and an interim response announce lengths of their own.
+    feedHeader(*transfer, "HTTP/1.1 302 Found\r\nContent-Length: 9000000\r\n\r\n");
+    feedHeader(*transfer, "HTTP/1.1 100 Continue\r\n\r\n");
+    feedHeader(*transfer, "HTTP/1.1 200 OK\r\nTransfer-Encoding: chunked\r\n\r\n");
+    feedBody(*transfer, "abc");
+    EXPECT_LT(Access::buffer(*transfer).body.capacity(), 9000000);
+    EXPECT_LE(Access::buffer(*transfer).body.capacity(), 4096);
+}
+
+TEST(HttpClientTransferReceive, UnreadableLengthsReserveNothing)
+{
+    for (const QByteArray& line : { QByteArray("Content-Length: abc\r\n"), QByteArray("Content-Length:\r\n"),
+             QByteArray("Content-Length: 99999999999999999999999\r\n"),
+             QByteArray("X-Content-Length: 900000\r\n") }) {
+        TransferFactory factory;
+        HttpClientOptions options;
+        options.setReadSizeLimit(-1);
+        auto transfer = factory.make(HttpClient::Get, options);
+        feedHeader(*transfer, "HTTP/1.1 200 OK\r\n");
+        feedHeader(*transfer, line);
+        feedBody(*transfer, "abc");
+        EXPECT_LE(Access::buffer(*transfer).body.capacity(), 4096) << line.constData();
+        EXPECT_EQ(Access::buffer(*transfer).body, "abc");
+    }
+}
+
+TEST(HttpClientTransferReceive, ImmediateReadAndHeadReserveNothing)
+{
+    TransferFactory factory;
+    HttpClientOptions immediate;
+    immediate.setReadSizeLimit(-1);
+    immediate.setImmediateRead(true);
+    HttpClientOptions plain;
+    plain.setReadSizeLimit(-1);
+    for (auto* const transfer : { factory.make(HttpClient::Get, immediate).release(),
+             factory.make(HttpClient::Head, plain).release() }) {
+        const std::unique_ptr<HttpClientTransfer> owner(transfer);
+        feedHeader(*transfer, "HTTP/1.1 200 OK\r\nContent-Length: 800000\r\n\r\n");
+        feedBody(*transfer, "HTTP/1.1 200 OK\r\n");
+        EXPECT_LE(Access::buffer(*transfer).body.capacity(), 4096);
+    }
+}
+
+TEST(HttpClientTransferReceive, ABodyLongerThanAnnouncedStillArrivesWhole)
+{
+    TransferFactory factory;
+    HttpClientOptions options;
+    options.setReadSizeLimit(-1);
+    auto transfer = factory.make(HttpClient::Get, options);
+    // A compressed response announces its compressed size; the decoded body is larger.
+    feedHeader(*transfer, "HTTP/1.1 200 OK\r\nContent-Length: 10\r\n\r\n");
+    const QByteArray decoded(50000, 'd');
+    for (int i = 0; i < decoded.size(); i += 1000) {
+        EXPECT_EQ(feedBody(*transfer, decoded.mid(i, 1000)), 1000u);
+    }
+    EXPECT_EQ(Access::buffer(*transfer).body, decoded);
 }
 
 TEST(HttpClientTransferReceive, UpdateWithoutImmediateReadDoesNothing)

@@ -4,7 +4,11 @@
 
 #include <QDir>
 
+#include <sys/mman.h>
+
+#include <algorithm>
 #include <cstring>
+#include <limits>
 
 namespace {
 const char* const kLogFile = "src/lib/httpClient/HttpClientTransfer";
@@ -19,6 +23,60 @@ constexpr int kMethodPatch = 5;
 constexpr int kHttpVersion2 = 1;
 
 const char* const kEffectiveUrlHeader = "X-TrelEfectiveUrl";
+
+// libcurl's receive buffer. Large reads mean fewer write callbacks and fewer
+// appends for big bodies; since libcurl 8.7 the buffer belongs to the multi
+// handle, so small requests do not pay for its size.
+constexpr long kReceiveBufferBytes = 512 * 1024;
+
+// Room reserved up front from Content-Length, at most: a larger body grows
+// from there like any other.
+constexpr std::int64_t kMaxReservedBody = std::int64_t(1) << 30;
+
+// From this size on, a reserved body asks for transparent huge pages: each
+// fresh 4 KiB page of a new body otherwise costs a page fault, thousands for a
+// body of megabytes, where a 2 MiB page costs one.
+constexpr std::int64_t kHugePageBody = std::int64_t(4) << 20;
+constexpr std::uintptr_t kHugePageSize = std::uintptr_t(2) << 20;
+
+void adviseHugePages(const char* data, std::int64_t size)
+{
+#ifdef MADV_HUGEPAGE
+    const auto start = reinterpret_cast<std::uintptr_t>(data);
+    const std::uintptr_t begin = (start + kHugePageSize - 1) & ~(kHugePageSize - 1);
+    const std::uintptr_t end = (start + static_cast<std::uintptr_t>(size)) & ~(kHugePageSize - 1);
+    if (end > begin) {
+        // Only whole huge pages inside the body; a refusal changes nothing.
+        ::madvise(reinterpret_cast<void*>(begin), end - begin, MADV_HUGEPAGE);
+    }
+#else
+    (void)data;
+    (void)size;
+#endif
+}
+
+// Content-Length from one header line, or -1 when the line is not a valid one.
+std::int64_t contentLengthOf(const char* line, size_t size)
+{
+    static const char kName[] = "content-length:";
+    constexpr size_t kNameSize = sizeof(kName) - 1;
+    if (size <= kNameSize || qstrnicmp(line, kName, static_cast<uint>(kNameSize)) != 0) {
+        return -1;
+    }
+    size_t i = kNameSize;
+    while (i < size && (line[i] == ' ' || line[i] == '\t')) {
+        ++i;
+    }
+    std::int64_t value = 0;
+    size_t digits = 0;
+    for (; i < size && line[i] >= '0' && line[i] <= '9'; ++i, ++digits) {
+        if (value > (std::numeric_limits<std::int64_t>::max() - 9) / 10) {
+            return -1;
+        }
+        value = value * 10 + (line[i] - '0');
+    }
+    return digits > 0 ? value : -1;
+}
 
 long postRedirectMask(const QSet<HttpClientOptions::HttpPostRedirFlags>& flags)
 {
@@ -100,6 +158,7 @@ HttpClientTransfer::HttpClientTransfer(
     , callback(std::move(callback))
 {
     receiveBuffer.sizeLimit = options.readSizeLimit();
+    receiveBuffer.reserveAnnounced = !options.immediateRead() && method != kMethodHead;
     easy.reset(curl_easy_init());
     if (easy) {
         configure(httpVersion);
@@ -116,6 +175,7 @@ HttpClientTransfer::HttpClientTransfer(
     , activeMulti(static_cast<CURLM*>(multi)) // libcurl already added the pushed handle
 {
     receiveBuffer.sizeLimit = options.readSizeLimit();
+    receiveBuffer.reserveAnnounced = !options.immediateRead();
     installReceiveCallbacks();
 }
 
@@ -151,6 +211,7 @@ void HttpClientTransfer::configure(int httpVersion)
 
     curl_easy_setopt(handle, CURLOPT_URL, url.toEncoded().constData());
     installReceiveCallbacks();
+    curl_easy_setopt(handle, CURLOPT_BUFFERSIZE, kReceiveBufferBytes);
     curl_easy_setopt(handle, CURLOPT_NOSIGNAL, 1L);
 
     const int maxRedirects = options.maxRedirects();
@@ -344,8 +405,17 @@ size_t HttpClientTransfer::streamReadCallback(void* buffer, size_t size, size_t 
 size_t HttpClientTransfer::curlWriteHeader(void* data, size_t size, size_t count, void* receiveBuffer)
 {
     const size_t n = size * count;
-    static_cast<ReceiveBuffer*>(receiveBuffer)
-        ->headerBlock.append(static_cast<const char*>(data), static_cast<int>(n));
+    auto* const buffer = static_cast<ReceiveBuffer*>(receiveBuffer);
+    const char* const line = static_cast<const char*>(data);
+    buffer->headerBlock.append(line, static_cast<int>(n));
+    if (n > 5 && std::memcmp(line, "HTTP/", 5) == 0) {
+        buffer->announcedLength = -1; // a new response: what an earlier one announced is void
+    } else {
+        const std::int64_t length = contentLengthOf(line, n);
+        if (length >= 0) {
+            buffer->announcedLength = length;
+        }
+    }
     return n;
 }
 
@@ -354,6 +424,9 @@ size_t HttpClientTransfer::curlWriteFunc(void* data, size_t size, size_t count, 
     auto* const buffer = static_cast<ReceiveBuffer*>(receiveBuffer);
     std::uint64_t n = size * count;
     const std::int64_t current = buffer->body.size();
+    if (current == 0 && buffer->reserveAnnounced && buffer->announcedLength > 0) {
+        reserveAnnounced(*buffer);
+    }
     // Unsigned on purpose: a negative limit never trims.
     if (static_cast<std::uint64_t>(current) + n > static_cast<std::uint64_t>(buffer->sizeLimit)) {
         const std::int64_t room = buffer->sizeLimit - current;
@@ -363,6 +436,23 @@ size_t HttpClientTransfer::curlWriteFunc(void* data, size_t size, size_t count, 
     }
     buffer->body.append(static_cast<const char*>(data), static_cast<int>(n));
     return static_cast<size_t>(n);
+}
+
+// The whole announced body at once, never beyond the size limit: no copies
+// while it grows. Once per response; a compressed body may still outgrow it.
+void HttpClientTransfer::reserveAnnounced(ReceiveBuffer& buffer)
+{
+    std::int64_t room = std::min(buffer.announcedLength, kMaxReservedBody);
+    if (buffer.sizeLimit >= 0) {
+        room = std::min(room, buffer.sizeLimit);
+    }
+    buffer.announcedLength = -1;
+    if (room > buffer.body.capacity()) {
+        buffer.body.reserve(static_cast<int>(room));
+        if (room >= kHugePageBody) {
+            adviseHugePages(buffer.body.constData(), buffer.body.capacity());
+        }
+    }
 }
 
 long HttpClientTransfer::responseCode()
