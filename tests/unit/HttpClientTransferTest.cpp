@@ -299,6 +299,26 @@ TEST(HttpClientTransferBodies, ByteBodyIsAPrivateCopyAndAnEmptyOneIsABody)
     EXPECT_EQ(easyOption(*empty, CURLOPT_POSTFIELDSIZE), 0);
 }
 
+TEST(HttpClientTransferBodies, BorrowedBytesAreCopiedOwnedOnesShared)
+{
+    TransferFactory factory;
+    auto borrowed = factory.make(HttpClient::Post);
+    char raw[] = "borrowed";
+    ASSERT_TRUE(borrowed->setDataToUpload(QByteArray::fromRawData(raw, 8)));
+    raw[0] = 'X'; // the owner reuses its memory once the call has returned
+    EXPECT_EQ(Access::uploadBytes(*borrowed), "borrowed");
+    EXPECT_NE(Access::uploadBytes(*borrowed).constData(), raw);
+
+    auto owned = factory.make(HttpClient::Post);
+    QByteArray caller(1 << 20, 'o');
+    ASSERT_TRUE(owned->setDataToUpload(caller));
+    EXPECT_EQ(Access::uploadBytes(*owned).constData(), caller.constData()); // no copy of a large body
+    caller.fill('p'); // the caller's change detaches the caller's copy
+    EXPECT_EQ(Access::uploadBytes(*owned), QByteArray(1 << 20, 'o'));
+    EXPECT_EQ(easyOption(*owned, CURLOPT_POSTFIELDS),
+        reinterpret_cast<std::intptr_t>(Access::uploadBytes(*owned).constData()));
+}
+
 TEST(HttpClientTransferBodies, SecondByteBodyReplacesTheFirst)
 {
     TransferFactory factory;

@@ -302,8 +302,14 @@ bool HttpClientTransfer::setDataToUpload(const QByteArray& data)
     if (!acceptsBody()) {
         return false;
     }
+    // libcurl reads this buffer until the transfer ends. A shared reference is
+    // enough: the caller's later changes detach the caller's copy, never this
+    // one. Bytes the array does not own (QByteArray::fromRawData) are copied,
+    // since their owner may free them as soon as this call returns.
     uploadBytes = data;
-    uploadBytes.detach(); // libcurl reads this buffer; the caller keeps its own
+    if (uploadBytes.data_ptr()->offset != sizeof(QByteArrayData)) {
+        uploadBytes.detach();
+    }
     curl_easy_setopt(easy.get(), CURLOPT_POSTFIELDS, uploadBytes.constData());
     curl_easy_setopt(easy.get(), CURLOPT_POSTFIELDSIZE, static_cast<long>(uploadBytes.size()));
     return true;
