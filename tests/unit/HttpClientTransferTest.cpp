@@ -319,6 +319,17 @@ TEST(HttpClientTransferBodies, BorrowedBytesAreCopiedOwnedOnesShared)
         reinterpret_cast<std::intptr_t>(Access::uploadBytes(*owned).constData()));
 }
 
+TEST(HttpClientTransferBodies, OnlyLargeByteBodiesGetTheLargeUploadBuffer)
+{
+    TransferFactory factory;
+    auto small = factory.make(HttpClient::Post);
+    ASSERT_TRUE(small->setDataToUpload(QByteArray((1 << 20) - 1, 's')));
+    EXPECT_FALSE(isSet(*small, CURLOPT_UPLOAD_BUFFERSIZE));
+    auto large = factory.make(HttpClient::Put);
+    ASSERT_TRUE(large->setDataToUpload(QByteArray(1 << 20, 'l')));
+    EXPECT_EQ(easyOption(*large, CURLOPT_UPLOAD_BUFFERSIZE), 2 << 20);
+}
+
 TEST(HttpClientTransferBodies, SecondByteBodyReplacesTheFirst)
 {
     TransferFactory factory;
