@@ -86,6 +86,18 @@ size_t feedHeader(HttpClientTransfer& transfer, const QByteArray& bytes)
         copy.data(), 1, static_cast<size_t>(copy.size()), &Access::buffer(transfer));
 }
 
+// As libcurl calls the header callback: once per line, terminator included.
+void feedHeaderLines(HttpClientTransfer& transfer, const QByteArray& block)
+{
+    int start = 0;
+    while (start < block.size()) {
+        const int end = block.indexOf('\n', start);
+        const int next = end < 0 ? block.size() : end + 1;
+        feedHeader(transfer, block.mid(start, next - start));
+        start = next;
+    }
+}
+
 // ---------------------------------------------------------------------------
 // Configuration
 
@@ -522,6 +534,28 @@ TEST(HttpClientTransferReceive, AnnouncedLengthIsReservedAtTheFirstBodyBytes)
     EXPECT_EQ(Access::buffer(*transfer).headerBlock, "HTTP/1.1 200 OK\r\nContent-Length: 300000\r\n\r\n");
 }
 
+TEST(HttpClientTransferReceive, ALargeAnnouncedBodyIsReservedWholeAndArrivesIntact)
+{
+    TransferFactory factory;
+    HttpClientOptions options;
+    options.setReadSizeLimit(-1);
+    auto transfer = factory.make(HttpClient::Get, options);
+    constexpr int kSize = 9 << 20; // past the size from which its pages are prepared
+    feedHeaderLines(
+        *transfer, "HTTP/1.1 200 OK\r\nContent-Length: " + QByteArray::number(kSize) + "\r\n\r\n");
+    QByteArray expected;
+    expected.reserve(kSize);
+    for (int i = 0; i < kSize; i += 65536) {
+        const QByteArray piece(65536, static_cast<char>('a' + (i / 65536) % 26));
+        expected += piece;
+        ASSERT_EQ(feedBody(*transfer, piece), 65536u);
+        if (i == 0) {
+            EXPECT_GE(Access::buffer(*transfer).body.capacity(), kSize);
+        }
+    }
+    EXPECT_EQ(Access::buffer(*transfer).body, expected);
+}
+
 TEST(HttpClientTransferReceive, ReservationNeverExceedsTheReadSizeLimit)
 {
     TransferFactory factory;
@@ -543,9 +577,9 @@ TEST(HttpClientTransferReceive, OnlyTheLastResponsesLengthCounts)
     options.setReadSizeLimit(-1);
     auto transfer = factory.make(HttpClient::Get, options);
     // A followed redirect and an interim response announce lengths of their own.
-    feedHeader(*transfer, "HTTP/1.1 302 Found\r\nContent-Length: 9000000\r\n\r\n");
-    feedHeader(*transfer, "HTTP/1.1 100 Continue\r\n\r\n");
-    feedHeader(*transfer, "HTTP/1.1 200 OK\r\nTransfer-Encoding: chunked\r\n\r\n");
+    feedHeaderLines(*transfer, "HTTP/1.1 302 Found\r\nContent-Length: 9000000\r\n\r\n");
+    feedHeaderLines(*transfer, "HTTP/1.1 100 Continue\r\n\r\n");
+    feedHeaderLines(*transfer, "HTTP/1.1 200 OK\r\nTransfer-Encoding: chunked\r\n\r\n");
     feedBody(*transfer, "abc");
     EXPECT_LT(Access::buffer(*transfer).body.capacity(), 9000000);
     EXPECT_LE(Access::buffer(*transfer).body.capacity(), 4096);
@@ -579,7 +613,7 @@ TEST(HttpClientTransferReceive, ImmediateReadAndHeadReserveNothing)
     for (auto* const transfer : { factory.make(HttpClient::Get, immediate).release(),
              factory.make(HttpClient::Head, plain).release() }) {
         const std::unique_ptr<HttpClientTransfer> owner(transfer);
-        feedHeader(*transfer, "HTTP/1.1 200 OK\r\nContent-Length: 800000\r\n\r\n");
+        feedHeaderLines(*transfer, "HTTP/1.1 200 OK\r\nContent-Length: 800000\r\n\r\n");
         feedBody(*transfer, "HTTP/1.1 200 OK\r\n");
         EXPECT_LE(Access::buffer(*transfer).body.capacity(), 4096);
     }
@@ -592,7 +626,7 @@ TEST(HttpClientTransferReceive, ABodyLongerThanAnnouncedStillArrivesWhole)
     options.setReadSizeLimit(-1);
     auto transfer = factory.make(HttpClient::Get, options);
     // A compressed response announces its compressed size; the decoded body is larger.
-    feedHeader(*transfer, "HTTP/1.1 200 OK\r\nContent-Length: 10\r\n\r\n");
+    feedHeaderLines(*transfer, "HTTP/1.1 200 OK\r\nContent-Length: 10\r\n\r\n");
     const QByteArray decoded(50000, 'd');
     for (int i = 0; i < decoded.size(); i += 1000) {
         EXPECT_EQ(feedBody(*transfer, decoded.mid(i, 1000)), 1000u);

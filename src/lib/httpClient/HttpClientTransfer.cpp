@@ -40,26 +40,35 @@ constexpr long kUploadBufferBytes = 2L << 20;
 // from there like any other.
 constexpr std::int64_t kMaxReservedBody = std::int64_t(1) << 30;
 
-// From this size on, a reserved body asks for transparent huge pages: each
+// From this size on, a reserved body is prepared for the bytes to come: each
 // fresh 4 KiB page of a new body otherwise costs a page fault, thousands for a
-// body of megabytes, where a 2 MiB page costs one.
-constexpr std::int64_t kHugePageBody = std::int64_t(4) << 20;
+// body of megabytes. Its whole 2 MiB pages ask for transparent huge pages, and
+// all of its pages are faulted in by one call instead of one fault each.
+constexpr std::int64_t kPreparedBody = std::int64_t(4) << 20;
 constexpr std::uintptr_t kHugePageSize = std::uintptr_t(2) << 20;
+constexpr std::uintptr_t kPageSize = 4096;
 
-void adviseHugePages(const char* data, std::int64_t size)
+// Only pages wholly inside the body; a refusal (older kernels) changes nothing.
+void prepareBodyPages(const char* data, std::int64_t size)
 {
-#ifdef MADV_HUGEPAGE
     const auto start = reinterpret_cast<std::uintptr_t>(data);
-    const std::uintptr_t begin = (start + kHugePageSize - 1) & ~(kHugePageSize - 1);
-    const std::uintptr_t end = (start + static_cast<std::uintptr_t>(size)) & ~(kHugePageSize - 1);
-    if (end > begin) {
-        // Only whole huge pages inside the body; a refusal changes nothing.
-        ::madvise(reinterpret_cast<void*>(begin), end - begin, MADV_HUGEPAGE);
+    const std::uintptr_t stop = start + static_cast<std::uintptr_t>(size);
+#ifdef MADV_HUGEPAGE
+    const std::uintptr_t hugeBegin = (start + kHugePageSize - 1) & ~(kHugePageSize - 1);
+    const std::uintptr_t hugeEnd = stop & ~(kHugePageSize - 1);
+    if (hugeEnd > hugeBegin) {
+        ::madvise(reinterpret_cast<void*>(hugeBegin), hugeEnd - hugeBegin, MADV_HUGEPAGE);
     }
-#else
-    (void)data;
-    (void)size;
 #endif
+#ifdef MADV_POPULATE_WRITE
+    const std::uintptr_t pageBegin = (start + kPageSize - 1) & ~(kPageSize - 1);
+    const std::uintptr_t pageEnd = stop & ~(kPageSize - 1);
+    if (pageEnd > pageBegin) {
+        ::madvise(reinterpret_cast<void*>(pageBegin), pageEnd - pageBegin, MADV_POPULATE_WRITE);
+    }
+#endif
+    (void)start;
+    (void)stop;
 }
 
 // Content-Length from one header line, or -1 when the line is not a valid one.
@@ -465,8 +474,8 @@ void HttpClientTransfer::reserveAnnounced(ReceiveBuffer& buffer)
     buffer.announcedLength = -1;
     if (room > buffer.body.capacity()) {
         buffer.body.reserve(static_cast<int>(room));
-        if (room >= kHugePageBody) {
-            adviseHugePages(buffer.body.constData(), buffer.body.capacity());
+        if (room >= kPreparedBody) {
+            prepareBodyPages(buffer.body.constData(), buffer.body.capacity());
         }
     }
 }
