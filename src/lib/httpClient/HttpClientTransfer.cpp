@@ -493,7 +493,8 @@ HttpClientHeaders HttpClientTransfer::receivedHeaders(bool withEffectiveUrl)
     if (withEffectiveUrl) {
         const QString effectiveUrl = getEffectiveUrl(easy.get());
         if (!effectiveUrl.isEmpty()) {
-            headers.insert(QString::fromLatin1(kEffectiveUrlHeader), effectiveUrl);
+            static const QString name = QString::fromLatin1(kEffectiveUrlHeader);
+            headers.insert(name, effectiveUrl);
         }
     }
     return headers;
