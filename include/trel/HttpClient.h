@@ -23,11 +23,13 @@
 #include <QSocketNotifier>
 #include <QString>
 #include <QTimer>
+#include <QWeakPointer>
 
 #include <curl/curl.h>
 
 #include <cstddef>
 #include <functional>
+#include <vector>
 
 /// An asynchronous HTTP client for the thread that owns it and runs its Qt event loop.
 ///
@@ -500,7 +502,7 @@ private:
     QSharedPointer<QSocketNotifier> makeNotifier(curl_socket_t socket, QSocketNotifier::Type type);
     void blockWriteNotifier(int socket);
     void harvestFinishedTransfers();
-    void* registerTransfer(const QSharedPointer<HttpClientTransfer>& transfer);
+    void* registerTransfer(const QSharedPointer<HttpClientTransfer>& transfer, bool immediateRead);
     QSharedPointer<HttpClientTransfer> takeTransfer(void* id);
     // Logs and answers false when called off the client's thread.
     bool onOwnThread(const char* operation) const;
@@ -523,6 +525,10 @@ private:
     QHash<void*, QSharedPointer<HttpClientTransfer>> transfers;
     QHash<void*, void*> idsByHandle; // curl easy handle -> request id, for harvesting
     quintptr lastRequestId = 0;
+    // The live transfers with immediate read on, in the order they started: the
+    // only ones the sweep after a socket action visits. Weak, so a transfer that
+    // leaves `transfers` is gone from here too; the sweep drops expired entries.
+    std::vector<QWeakPointer<HttpClientTransfer>> immediateReadTransfers;
     HttpClientCache cache;
 };
 

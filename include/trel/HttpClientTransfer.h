@@ -79,6 +79,13 @@ public:
         QByteArray headerBlock; ///< Raw header lines of every response received, status lines included.
         std::int64_t sizeLimit = 0; ///< Most body bytes kept; compared unsigned: negative means no limit.
         bool overLimit = false; ///< A write was trimmed at sizeLimit (the failure's reason says so).
+        /// Content-Length of the response whose headers arrived last; -1 when it
+        /// sent none. Each status line (redirects, interim 1xx) starts afresh.
+        std::int64_t announcedLength = -1;
+        /// Whether the first body bytes reserve room for the announced length:
+        /// not for bodies handed over in pieces (immediate read) or HEAD, whose
+        /// Content-Length describes a body that never comes.
+        bool reserveAnnounced = true;
     };
 
     /// Creates the easy handle for a request and configures it from \p options:
@@ -189,6 +196,7 @@ private:
         void operator()(curl_slist* list) const { curl_slist_free_all(list); }
     };
 
+    static void reserveAnnounced(ReceiveBuffer& buffer);
     bool acceptsBody();
     void resumeUpload();
     void configure(int httpVersion);

@@ -844,6 +844,77 @@ TEST_F(HttpClientRequest, ImmediateReadDeliversPartsThenTheRemainder)
     EXPECT_EQ(assembled.size(), 300000);
 }
 
+TEST_F(HttpClientRequest, AmongManyLiveTransfersOnlyImmediateReadOnesHandOverEarly)
+{
+    // 120 plain requests stay live (answered late) while three immediate-read
+    // ones stream their bodies in pieces through the same event sweeps.
+    server().setHandler([](const RecordedRequest& request) {
+        if (request.target.startsWith("/pieces/")) {
+            ScriptedResponse response = ScriptedResponse::ok(QByteArray(200000, 'p'));
+            response.chunked = true;
+            response.chunkSize = 1000;
+            return response;
+        }
+        ScriptedResponse response = ScriptedResponse::ok(request.target);
+        response.delayMs = 400;
+        return response;
+    });
+    options.setReadSizeLimit(-1);
+    constexpr int kPlain = 120;
+    constexpr int kImmediate = 3;
+    std::map<int, std::vector<HttpClientResult>> plain;
+    for (int i = 0; i < kPlain; ++i) {
+        const void* const id = client.get(url("/plain/" + QByteArray::number(i)), options,
+            [&plain, i](const HttpClientResult& result) { plain[i].push_back(result); });
+        ASSERT_NE(id, nullptr);
+    }
+    HttpClientOptions immediateOptions = options;
+    immediateOptions.setImmediateRead(true);
+    struct Streamed
+    {
+        QByteArray assembled;
+        int early = 0;
+        int finals = 0;
+        bool earlyAfterFinal = false;
+    };
+    std::vector<Streamed> streamed(kImmediate);
+    for (int i = 0; i < kImmediate; ++i) {
+        client.get(url("/pieces/" + QByteArray::number(i)), immediateOptions,
+            [&streamed, i](const HttpClientResult& result) {
+                Streamed& s = streamed[static_cast<size_t>(i)];
+                s.assembled += result.body;
+                if (result.status == HttpClientStatus::ImmediateRead) {
+                    ++s.early;
+                    s.earlyAfterFinal = s.earlyAfterFinal || s.finals > 0;
+                } else {
+                    ++s.finals;
+                    EXPECT_EQ(result.status, HttpClientStatus::OK);
+                }
+            });
+    }
+    ASSERT_TRUE(waitFor(
+        [&] {
+            const bool streamsDone = std::all_of(
+                streamed.begin(), streamed.end(), [](const Streamed& s) { return s.finals > 0; });
+            return streamsDone && plain.size() == static_cast<size_t>(kPlain);
+        },
+        20000));
+    for (const Streamed& s : streamed) {
+        EXPECT_GE(s.early, 1);
+        EXPECT_EQ(s.finals, 1);
+        EXPECT_FALSE(s.earlyAfterFinal);
+        EXPECT_EQ(s.assembled, QByteArray(200000, 'p'));
+    }
+    // Let anything still queued arrive before counting.
+    trel::test::spinEventLoop(200);
+    for (int i = 0; i < kPlain; ++i) {
+        const std::vector<HttpClientResult>& got = plain[i];
+        ASSERT_EQ(got.size(), 1U) << i;
+        EXPECT_EQ(got[0].status, HttpClientStatus::OK) << i;
+        EXPECT_EQ(got[0].body, "/plain/" + QByteArray::number(i)) << i;
+    }
+}
+
 // ---------------------------------------------------------------------------
 // Cache
 

@@ -2,6 +2,8 @@
 
 #include <gtest/gtest.h>
 
+#include <QTextStream>
+
 #include <sstream>
 
 namespace {
@@ -92,6 +94,46 @@ TEST(HttpClientHeaders, ContinuationLinesAreOrdinaryLines)
     EXPECT_EQ(headers.value("A", QString()), "1");
     EXPECT_TRUE(headers.contains(" X"));
     EXPECT_EQ(headers.headers().size(), 2);
+}
+
+// What a header block means when read line by line through a QTextStream.
+QHash<QString, QString> readThroughTextStream(const QByteArray& block)
+{
+    QHash<QString, QString> fields;
+    QTextStream stream(block, QIODevice::ReadOnly);
+    for (QString line = stream.readLine(); !line.isNull(); line = stream.readLine()) {
+        const int colon = line.indexOf(QLatin1Char(':'));
+        if (colon >= 1) {
+            fields.insert(line.left(colon).toLower(), line.mid(colon + 1).trimmed());
+        }
+    }
+    return fields;
+}
+
+TEST(HttpClientHeaders, LineEndingsAndEncodingReadAsATextStreamReadsThem)
+{
+    const QList<QByteArray> blocks = {
+        "HTTP/1.1 200 OK\nA: lf only\nB: 2\n\n",
+        "HTTP/1.1 200 OK\r\nA: crlf\r\n\r\n",
+        "A: two returns\r\r\nB: last line without newline",
+        "A: return at the very end\r",
+        "A: lone\rreturn inside\r\nB:\r\n:x\r\n\r\n",
+        "A: caf\xc3\xa9 \xe2\x82\xac\r\nN\xc3\xa4me: v\r\n",
+        "\xef\xbb\xbf"
+        "A: after a byte-order mark\r\n",
+        "\n\n\r\n",
+        "",
+    };
+    for (const QByteArray& block : blocks) {
+        const HttpClientHeaders parsed(block);
+        const QHash<QString, QString> expected = readThroughTextStream(block);
+        QHash<QString, QString> got;
+        const QHash<QString, QString> written = parsed.headers();
+        for (auto it = written.cbegin(); it != written.cend(); ++it) {
+            got.insert(it.key().toLower(), it.value());
+        }
+        EXPECT_EQ(got, expected) << block.toStdString();
+    }
 }
 
 TEST(HttpClientHeaders, AbsentNameGivesNullWithFlagOrTheDefault)

@@ -38,6 +38,8 @@ public:
     static QByteArray pushSlot(HttpClient& c) { return c.pushSlot; }
     // Pushed transfers have ids of their own, which the caller never sees.
     static void* idOfHandle(HttpClient& c, CURL* easy) { return c.idsByHandle.value(easy); }
+    static size_t immediateReadEntries(HttpClient& c) { return c.immediateReadTransfers.size(); }
+    static void timerFired(HttpClient& c) { c.on_timer_timeout(); }
 };
 
 namespace {
@@ -471,6 +473,34 @@ TEST(HttpClientPush, PushAcceptedBeforeAnyPropertiesIsDroppedQuietly)
     trel::test::spinEventLoop(50);
     EXPECT_EQ(receiver.count(), 0);
     EXPECT_EQ(Access::transferCount(client), 0);
+}
+
+TEST(HttpClientSweep, OnlyImmediateReadTransfersAreListedAndLeftOnesAreDroppedByTheNextSweep)
+{
+    HttpClient client(nullptr, HttpClient::Http2);
+    HttpClientOptions plain;
+    HttpClientOptions immediate;
+    immediate.setImmediateRead(true);
+    const TrelUrl unreachable(QStringLiteral("http://127.0.0.1:9/"));
+    std::vector<void*> plainIds;
+    for (int i = 0; i < 200; ++i) {
+        plainIds.push_back(client.get(unreachable, plain, [](const HttpClientResult&) {}));
+    }
+    void* const early = client.get(unreachable, immediate, [](const HttpClientResult&) {});
+    client.setPushProperties(nullptr, nullptr, immediate);
+    CURL* const pushed = acceptPush(client);
+    client.setPushProperties(nullptr, nullptr, plain);
+    acceptPush(client);
+    EXPECT_EQ(Access::transferCount(client), 203);
+    EXPECT_EQ(Access::immediateReadEntries(client), 2U);
+
+    // Leaving the table is enough; the sweep forgets them without a lookup.
+    EXPECT_TRUE(client.cancel(early));
+    EXPECT_TRUE(client.cancel(Access::idOfHandle(client, pushed)));
+    EXPECT_TRUE(client.cancel(plainIds.front()));
+    Access::timerFired(client);
+    EXPECT_EQ(Access::immediateReadEntries(client), 0U);
+    EXPECT_EQ(Access::transferCount(client), 200);
 }
 
 TEST(HttpClientCacheControl, SetCacheSizeAndClearForwardToTheCache)

@@ -89,6 +89,18 @@ size_t feedHeader(HttpClientTransfer& transfer, const QByteArray& bytes)
         copy.data(), 1, static_cast<size_t>(copy.size()), &Access::buffer(transfer));
 }
 
+// As libcurl calls the header callback: once per line, terminator included.
+void feedHeaderLines(HttpClientTransfer& transfer, const QByteArray& block)
+{
+    int start = 0;
+    while (start < block.size()) {
+        const int end = block.indexOf('\n', start);
+        const int next = end < 0 ? block.size() : end + 1;
+        feedHeader(transfer, block.mid(start, next - start));
+        start = next;
+    }
+}
+
 // ---------------------------------------------------------------------------
 // Configuration
 
@@ -104,6 +116,7 @@ TEST(HttpClientTransferConfig, DefaultsFollowFiveRedirectsNoTimeoutCompressionAn
     EXPECT_EQ(easyOption(*transfer, CURLOPT_TCP_KEEPALIVE), 1);
     EXPECT_EQ(easyOption(*transfer, CURLOPT_TCP_KEEPIDLE), 60);
     EXPECT_EQ(easyOption(*transfer, CURLOPT_TCP_KEEPINTVL), 60);
+    EXPECT_EQ(easyOption(*transfer, CURLOPT_BUFFERSIZE), 512 * 1024);
     EXPECT_EQ(curlOptions::easy(transfer->handle(), CURLOPT_URL)->text, "http://127.0.0.1:9/");
     // Only http and https, also after a redirect.
     ASSERT_TRUE(curlOptions::easy(transfer->handle(), CURLOPT_PROTOCOLS_STR));
@@ -319,6 +332,37 @@ TEST(HttpClientTransferBodies, ByteBodyIsAPrivateCopyAndAnEmptyOneIsABody)
     auto empty = factory.make(HttpClient::Post);
     EXPECT_TRUE(empty->setDataToUpload(QByteArray()));
     EXPECT_EQ(easyOption(*empty, CURLOPT_POSTFIELDSIZE), 0);
+}
+
+TEST(HttpClientTransferBodies, BorrowedBytesAreCopiedOwnedOnesShared)
+{
+    TransferFactory factory;
+    auto borrowed = factory.make(HttpClient::Post);
+    char raw[] = "borrowed";
+    ASSERT_TRUE(borrowed->setDataToUpload(QByteArray::fromRawData(raw, 8)));
+    raw[0] = 'X'; // the owner reuses its memory once the call has returned
+    EXPECT_EQ(Access::uploadBytes(*borrowed), "borrowed");
+    EXPECT_NE(Access::uploadBytes(*borrowed).constData(), raw);
+
+    auto owned = factory.make(HttpClient::Post);
+    QByteArray caller(1 << 20, 'o');
+    ASSERT_TRUE(owned->setDataToUpload(caller));
+    EXPECT_EQ(Access::uploadBytes(*owned).constData(), caller.constData()); // no copy of a large body
+    caller.fill('p'); // the caller's change detaches the caller's copy
+    EXPECT_EQ(Access::uploadBytes(*owned), QByteArray(1 << 20, 'o'));
+    EXPECT_EQ(easyOption(*owned, CURLOPT_POSTFIELDS),
+        reinterpret_cast<std::intptr_t>(Access::uploadBytes(*owned).constData()));
+}
+
+TEST(HttpClientTransferBodies, OnlyLargeByteBodiesGetTheLargeUploadBuffer)
+{
+    TransferFactory factory;
+    auto small = factory.make(HttpClient::Post);
+    ASSERT_TRUE(small->setDataToUpload(QByteArray((1 << 20) - 1, 's')));
+    EXPECT_FALSE(isSet(*small, CURLOPT_UPLOAD_BUFFERSIZE));
+    auto large = factory.make(HttpClient::Put);
+    ASSERT_TRUE(large->setDataToUpload(QByteArray(1 << 20, 'l')));
+    EXPECT_EQ(easyOption(*large, CURLOPT_UPLOAD_BUFFERSIZE), 2 << 20);
 }
 
 TEST(HttpClientTransferBodies, SecondByteBodyReplacesTheFirst)
@@ -543,6 +587,122 @@ TEST(HttpClientTransferReceive, HeaderCallbackAccumulatesEverythingWithoutLimit)
     EXPECT_EQ(feedHeader(*transfer, "HTTP/1.1 302 Found\r\n"), 20u);
     EXPECT_EQ(feedHeader(*transfer, "Location: /x\r\n\r\n"), 16u);
     EXPECT_EQ(Access::buffer(*transfer).headerBlock, "HTTP/1.1 302 Found\r\nLocation: /x\r\n\r\n");
+}
+
+TEST(HttpClientTransferReceive, AnnouncedLengthIsReservedAtTheFirstBodyBytes)
+{
+    TransferFactory factory;
+    HttpClientOptions options;
+    options.setReadSizeLimit(-1);
+    auto transfer = factory.make(HttpClient::Get, options);
+    feedHeader(*transfer, "HTTP/1.1 200 OK\r\n");
+    feedHeader(*transfer, "Content-Length: 300000\r\n");
+    feedHeader(*transfer, "\r\n");
+    EXPECT_EQ(Access::buffer(*transfer).body.capacity(), 0); // nothing before the body starts
+    EXPECT_EQ(feedBody(*transfer, "abc"), 3u);
+    EXPECT_GE(Access::buffer(*transfer).body.capacity(), 300000);
+    EXPECT_EQ(Access::buffer(*transfer).body, "abc");
+    EXPECT_EQ(Access::buffer(*transfer).headerBlock, "HTTP/1.1 200 OK\r\nContent-Length: 300000\r\n\r\n");
+}
+
+TEST(HttpClientTransferReceive, ALargeAnnouncedBodyIsReservedWholeAndArrivesIntact)
+{
+    TransferFactory factory;
+    HttpClientOptions options;
+    options.setReadSizeLimit(-1);
+    auto transfer = factory.make(HttpClient::Get, options);
+    constexpr int kSize = 9 << 20; // past the size from which its pages are prepared
+    feedHeaderLines(
+        *transfer, "HTTP/1.1 200 OK\r\nContent-Length: " + QByteArray::number(kSize) + "\r\n\r\n");
+    QByteArray expected;
+    expected.reserve(kSize);
+    for (int i = 0; i < kSize; i += 65536) {
+        const QByteArray piece(65536, static_cast<char>('a' + (i / 65536) % 26));
+        expected += piece;
+        ASSERT_EQ(feedBody(*transfer, piece), 65536u);
+        if (i == 0) {
+            EXPECT_GE(Access::buffer(*transfer).body.capacity(), kSize);
+        }
+    }
+    EXPECT_EQ(Access::buffer(*transfer).body, expected);
+}
+
+TEST(HttpClientTransferReceive, ReservationNeverExceedsTheReadSizeLimit)
+{
+    TransferFactory factory;
+    HttpClientOptions options;
+    options.setReadSizeLimit(1000);
+    auto transfer = factory.make(HttpClient::Get, options);
+    feedHeader(*transfer, "HTTP/2 200 \r\n");
+    feedHeader(*transfer, "content-length: 5000000\r\n"); // HTTP/2 names are lower case
+    feedBody(*transfer, "abc");
+    EXPECT_GE(Access::buffer(*transfer).body.capacity(), 1000);
+    EXPECT_LT(Access::buffer(*transfer).body.capacity(), 5000000);
+    EXPECT_LE(Access::buffer(*transfer).body.capacity(), 4096);
+}
+
+TEST(HttpClientTransferReceive, OnlyTheLastResponsesLengthCounts)
+{
+    TransferFactory factory;
+    HttpClientOptions options;
+    options.setReadSizeLimit(-1);
+    auto transfer = factory.make(HttpClient::Get, options);
+    // A followed redirect and an interim response announce lengths of their own.
+    feedHeaderLines(*transfer, "HTTP/1.1 302 Found\r\nContent-Length: 9000000\r\n\r\n");
+    feedHeaderLines(*transfer, "HTTP/1.1 100 Continue\r\n\r\n");
+    feedHeaderLines(*transfer, "HTTP/1.1 200 OK\r\nTransfer-Encoding: chunked\r\n\r\n");
+    feedBody(*transfer, "abc");
+    EXPECT_LT(Access::buffer(*transfer).body.capacity(), 9000000);
+    EXPECT_LE(Access::buffer(*transfer).body.capacity(), 4096);
+}
+
+TEST(HttpClientTransferReceive, UnreadableLengthsReserveNothing)
+{
+    for (const QByteArray& line : { QByteArray("Content-Length: abc\r\n"), QByteArray("Content-Length:\r\n"),
+             QByteArray("Content-Length: 99999999999999999999999\r\n"),
+             QByteArray("X-Content-Length: 900000\r\n") }) {
+        TransferFactory factory;
+        HttpClientOptions options;
+        options.setReadSizeLimit(-1);
+        auto transfer = factory.make(HttpClient::Get, options);
+        feedHeader(*transfer, "HTTP/1.1 200 OK\r\n");
+        feedHeader(*transfer, line);
+        feedBody(*transfer, "abc");
+        EXPECT_LE(Access::buffer(*transfer).body.capacity(), 4096) << line.constData();
+        EXPECT_EQ(Access::buffer(*transfer).body, "abc");
+    }
+}
+
+TEST(HttpClientTransferReceive, ImmediateReadAndHeadReserveNothing)
+{
+    TransferFactory factory;
+    HttpClientOptions immediate;
+    immediate.setReadSizeLimit(-1);
+    immediate.setImmediateRead(true);
+    HttpClientOptions plain;
+    plain.setReadSizeLimit(-1);
+    for (auto* const transfer : { factory.make(HttpClient::Get, immediate).release(),
+             factory.make(HttpClient::Head, plain).release() }) {
+        const std::unique_ptr<HttpClientTransfer> owner(transfer);
+        feedHeaderLines(*transfer, "HTTP/1.1 200 OK\r\nContent-Length: 800000\r\n\r\n");
+        feedBody(*transfer, "HTTP/1.1 200 OK\r\n");
+        EXPECT_LE(Access::buffer(*transfer).body.capacity(), 4096);
+    }
+}
+
+TEST(HttpClientTransferReceive, ABodyLongerThanAnnouncedStillArrivesWhole)
+{
+    TransferFactory factory;
+    HttpClientOptions options;
+    options.setReadSizeLimit(-1);
+    auto transfer = factory.make(HttpClient::Get, options);
+    // A compressed response announces its compressed size; the decoded body is larger.
+    feedHeaderLines(*transfer, "HTTP/1.1 200 OK\r\nContent-Length: 10\r\n\r\n");
+    const QByteArray decoded(50000, 'd');
+    for (int i = 0; i < decoded.size(); i += 1000) {
+        EXPECT_EQ(feedBody(*transfer, decoded.mid(i, 1000)), 1000u);
+    }
+    EXPECT_EQ(Access::buffer(*transfer).body, decoded);
 }
 
 TEST(HttpClientTransferReceive, UpdateWithoutImmediateReadDoesNothing)

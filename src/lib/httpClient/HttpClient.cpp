@@ -267,11 +267,24 @@ void HttpClient::on_transfer_socketData(int socket, int flags)
 {
     int running = 0;
     curl_multi_socket_action(multi, socket, flags, &running);
-    // Every live transfer looks at what arrived, not only the one whose socket fired.
-    const auto live = transfers;
-    for (const auto& transfer : live) {
+    // Only immediate-read transfers have anything to hand over between network
+    // events, so only they are visited: one event costs the same however many
+    // other transfers are live. Each looks at what arrived, not only the one whose
+    // socket fired. Entries of transfers that have left the table (finished,
+    // cancelled) have expired and are dropped here. update() only queues.
+    std::size_t kept = 0;
+    for (std::size_t i = 0; i < immediateReadTransfers.size(); ++i) {
+        const QSharedPointer<HttpClientTransfer> transfer = immediateReadTransfers[i].toStrongRef();
+        if (!transfer) {
+            continue;
+        }
         transfer->update();
+        if (kept != i) {
+            immediateReadTransfers[kept] = immediateReadTransfers[i];
+        }
+        ++kept;
     }
+    immediateReadTransfers.resize(kept);
     harvestFinishedTransfers();
 }
 
@@ -322,18 +335,21 @@ void* HttpClient::send(const TrelUrl& url, HttpMethod method, const T& body, con
     if (method > Head && !transfer->setDataToUpload(body)) {
         return nullptr; // destroyed unstarted: no result follows
     }
-    void* const id = registerTransfer(transfer);
+    void* const id = registerTransfer(transfer, options.immediateRead());
     transfer->start(multi);
     return id;
 }
 
 // Ids come from a counter, never from a handle's address: a handle freed with
 // its transfer may come back for a later request, an id never does.
-void* HttpClient::registerTransfer(const QSharedPointer<HttpClientTransfer>& transfer)
+void* HttpClient::registerTransfer(const QSharedPointer<HttpClientTransfer>& transfer, bool immediateRead)
 {
     void* const id = reinterpret_cast<void*>(++lastRequestId);
     transfers.insert(id, transfer);
     idsByHandle.insert(transfer->handle(), id);
+    if (immediateRead) {
+        immediateReadTransfers.push_back(transfer);
+    }
     return id;
 }
 
@@ -592,6 +608,6 @@ int HttpClient::serverPushCallback(
     const auto transfer = QSharedPointer<HttpClientTransfer>::create(static_cast<int>(client->httpVersion),
         static_cast<void*>(easy), static_cast<void*>(client->multi), client->pushOptions,
         std::move(completion));
-    client->registerTransfer(transfer);
+    client->registerTransfer(transfer, client->pushOptions.immediateRead());
     return CURL_PUSH_OK;
 }

@@ -37,6 +37,9 @@ HttpClientCache::HttpClientCache()
 
 const HttpClientCacheEntry* HttpClientCache::retrieve(const TrelUrl& url)
 {
+    if (entries.isEmpty()) {
+        return nullptr; // every GET asks: no key is built while nothing is stored
+    }
     const QByteArray key = url.cachePath();
     const HttpClientCacheEntry* entry = entries.object(key); // marks it most recently used
     if (!entry) {

@@ -2,7 +2,7 @@
 
 #include "Log.h"
 
-#include <QTextStream>
+#include <QTextCodec>
 
 #include <cstring>
 
@@ -30,13 +30,26 @@ HttpClientHeaders::HttpClientHeaders(const QByteArray& rawBlock)
     // Read as a C string: whatever follows a NUL byte is not part of the block.
     const QByteArray text(
         rawBlock.constData(), static_cast<int>(qstrnlen(rawBlock.constData(), rawBlock.size())));
-    QTextStream stream(text, QIODevice::ReadOnly);
-    for (QString line = stream.readLine(); !line.isNull(); line = stream.readLine()) {
-        const int colon = line.indexOf(QLatin1Char(':'));
-        if (colon < 1) {
-            continue; // status lines, blank lines, lines starting with a colon
+    // Decoded as a text stream would: the locale's codec unless the block
+    // starts with a Unicode byte-order mark. Every result parses one block, so
+    // the lines are cut here instead of through a QTextStream.
+    const QString block = QTextCodec::codecForUtfText(text, QTextCodec::codecForLocale())->toUnicode(text);
+    int start = 0;
+    while (start < block.size()) {
+        int end = block.indexOf(QLatin1Char('\n'), start);
+        const int next = end < 0 ? block.size() : end + 1;
+        if (end < 0) {
+            end = block.size();
         }
-        insert(line.left(colon), line.mid(colon + 1).trimmed());
+        if (end > start && block.at(end - 1) == QLatin1Char('\r')) {
+            --end; // a line ends with "\n" or "\r\n"
+        }
+        const QStringRef line = block.midRef(start, end - start);
+        const int colon = line.indexOf(QLatin1Char(':'));
+        if (colon >= 1) { // skips status lines, blank lines, lines starting with a colon
+            insert(line.left(colon).toString(), line.mid(colon + 1).trimmed().toString());
+        }
+        start = next;
     }
 }
 

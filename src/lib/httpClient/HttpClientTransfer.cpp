@@ -6,7 +6,11 @@
 
 #include <QDir>
 
+#include <sys/mman.h>
+
+#include <algorithm>
 #include <cstring>
+#include <limits>
 
 namespace {
 const char* const kLogFile = "src/lib/httpClient/HttpClientTransfer";
@@ -24,6 +28,76 @@ const char* const kEffectiveUrlHeader = "X-TrelEfectiveUrl";
 const char* const kAllowedProtocols = "http,https";
 const char* const kErrorHeader = "X-TrelError";
 const char* const kUserAgent = "trel_http_client/" TREL_HTTP_CLIENT_VERSION_STRING;
+
+// libcurl's receive buffer. Large reads mean fewer write callbacks and fewer
+// appends for big bodies; since libcurl 8.7 the buffer belongs to the multi
+// handle, so small requests do not pay for its size.
+constexpr long kReceiveBufferBytes = 512 * 1024;
+
+// A byte body of a megabyte or more is sent through libcurl's largest upload
+// buffer (2 MiB, libcurl's limit) instead of its 64 KiB default: far fewer
+// writable-socket turns of the event loop. Smaller bodies keep the default,
+// which libcurl allocates per transfer.
+constexpr int kLargeUploadBytes = 1 << 20;
+constexpr long kUploadBufferBytes = 2L << 20;
+
+// Room reserved up front from Content-Length, at most: a larger body grows
+// from there like any other.
+constexpr std::int64_t kMaxReservedBody = std::int64_t(1) << 30;
+
+// From this size on, a reserved body is prepared for the bytes to come: each
+// fresh 4 KiB page of a new body otherwise costs a page fault, thousands for a
+// body of megabytes. Its whole 2 MiB pages ask for transparent huge pages, and
+// all of its pages are faulted in by one call instead of one fault each.
+constexpr std::int64_t kPreparedBody = std::int64_t(4) << 20;
+constexpr std::uintptr_t kHugePageSize = std::uintptr_t(2) << 20;
+constexpr std::uintptr_t kPageSize = 4096;
+
+// Only pages wholly inside the body; a refusal (older kernels) changes nothing.
+void prepareBodyPages(const char* data, std::int64_t size)
+{
+    const auto start = reinterpret_cast<std::uintptr_t>(data);
+    const std::uintptr_t stop = start + static_cast<std::uintptr_t>(size);
+#ifdef MADV_HUGEPAGE
+    const std::uintptr_t hugeBegin = (start + kHugePageSize - 1) & ~(kHugePageSize - 1);
+    const std::uintptr_t hugeEnd = stop & ~(kHugePageSize - 1);
+    if (hugeEnd > hugeBegin) {
+        ::madvise(reinterpret_cast<void*>(hugeBegin), hugeEnd - hugeBegin, MADV_HUGEPAGE);
+    }
+#endif
+#ifdef MADV_POPULATE_WRITE
+    const std::uintptr_t pageBegin = (start + kPageSize - 1) & ~(kPageSize - 1);
+    const std::uintptr_t pageEnd = stop & ~(kPageSize - 1);
+    if (pageEnd > pageBegin) {
+        ::madvise(reinterpret_cast<void*>(pageBegin), pageEnd - pageBegin, MADV_POPULATE_WRITE);
+    }
+#endif
+    (void)start;
+    (void)stop;
+}
+
+// Content-Length from one header line, or -1 when the line is not a valid one.
+std::int64_t contentLengthOf(const char* line, size_t size)
+{
+    static const char kName[] = "content-length:";
+    constexpr size_t kNameSize = sizeof(kName) - 1;
+    if (size <= kNameSize || qstrnicmp(line, kName, static_cast<uint>(kNameSize)) != 0) {
+        return -1;
+    }
+    size_t i = kNameSize;
+    while (i < size && (line[i] == ' ' || line[i] == '\t')) {
+        ++i;
+    }
+    std::int64_t value = 0;
+    size_t digits = 0;
+    for (; i < size && line[i] >= '0' && line[i] <= '9'; ++i, ++digits) {
+        if (value > (std::numeric_limits<std::int64_t>::max() - 9) / 10) {
+            return -1;
+        }
+        value = value * 10 + (line[i] - '0');
+    }
+    return digits > 0 ? value : -1;
+}
 
 long postRedirectMask(const QSet<HttpClientOptions::HttpPostRedirFlags>& flags)
 {
@@ -105,6 +179,7 @@ HttpClientTransfer::HttpClientTransfer(
     , callback(std::move(callback))
 {
     receiveBuffer.sizeLimit = options.readSizeLimit();
+    receiveBuffer.reserveAnnounced = !options.immediateRead() && method != kMethodHead;
     easy.reset(curl_easy_init());
     if (easy) {
         configure(httpVersion);
@@ -121,6 +196,7 @@ HttpClientTransfer::HttpClientTransfer(
     , activeMulti(static_cast<CURLM*>(multi)) // libcurl already added the pushed handle
 {
     receiveBuffer.sizeLimit = options.readSizeLimit();
+    receiveBuffer.reserveAnnounced = !options.immediateRead();
     installReceiveCallbacks();
 }
 
@@ -165,6 +241,7 @@ void HttpClientTransfer::configure(int httpVersion)
     curl_easy_setopt(handle, CURLOPT_PROTOCOLS_STR, kAllowedProtocols);
     curl_easy_setopt(handle, CURLOPT_REDIR_PROTOCOLS_STR, kAllowedProtocols);
     installReceiveCallbacks();
+    curl_easy_setopt(handle, CURLOPT_BUFFERSIZE, kReceiveBufferBytes);
     curl_easy_setopt(handle, CURLOPT_NOSIGNAL, 1L);
 
     const int maxRedirects = options.maxRedirects();
@@ -259,10 +336,19 @@ bool HttpClientTransfer::setDataToUpload(const QByteArray& data)
     if (!acceptsBody()) {
         return false;
     }
+    // libcurl reads this buffer until the transfer ends. A shared reference is
+    // enough: the caller's later changes detach the caller's copy, never this
+    // one. Bytes the array does not own (QByteArray::fromRawData) are copied,
+    // since their owner may free them as soon as this call returns.
     uploadBytes = data;
-    uploadBytes.detach(); // libcurl reads this buffer; the caller keeps its own
+    if (uploadBytes.data_ptr()->offset != sizeof(QByteArrayData)) {
+        uploadBytes.detach();
+    }
     curl_easy_setopt(easy.get(), CURLOPT_POSTFIELDS, uploadBytes.constData());
     curl_easy_setopt(easy.get(), CURLOPT_POSTFIELDSIZE, static_cast<long>(uploadBytes.size()));
+    if (uploadBytes.size() >= kLargeUploadBytes) {
+        curl_easy_setopt(easy.get(), CURLOPT_UPLOAD_BUFFERSIZE, kUploadBufferBytes);
+    }
     return true;
 }
 
@@ -379,8 +465,17 @@ void HttpClientTransfer::resumeUpload()
 size_t HttpClientTransfer::curlWriteHeader(void* data, size_t size, size_t count, void* receiveBuffer)
 {
     const size_t n = size * count;
-    static_cast<ReceiveBuffer*>(receiveBuffer)
-        ->headerBlock.append(static_cast<const char*>(data), static_cast<int>(n));
+    auto* const buffer = static_cast<ReceiveBuffer*>(receiveBuffer);
+    const char* const line = static_cast<const char*>(data);
+    buffer->headerBlock.append(line, static_cast<int>(n));
+    if (n > 5 && std::memcmp(line, "HTTP/", 5) == 0) {
+        buffer->announcedLength = -1; // a new response: what an earlier one announced is void
+    } else {
+        const std::int64_t length = contentLengthOf(line, n);
+        if (length >= 0) {
+            buffer->announcedLength = length;
+        }
+    }
     return n;
 }
 
@@ -389,6 +484,9 @@ size_t HttpClientTransfer::curlWriteFunc(void* data, size_t size, size_t count, 
     auto* const buffer = static_cast<ReceiveBuffer*>(receiveBuffer);
     std::uint64_t n = size * count;
     const std::int64_t current = buffer->body.size();
+    if (current == 0 && buffer->reserveAnnounced && buffer->announcedLength > 0) {
+        reserveAnnounced(*buffer);
+    }
     // Unsigned on purpose: a negative limit never trims.
     if (static_cast<std::uint64_t>(current) + n > static_cast<std::uint64_t>(buffer->sizeLimit)) {
         const std::int64_t room = buffer->sizeLimit - current;
@@ -399,6 +497,23 @@ size_t HttpClientTransfer::curlWriteFunc(void* data, size_t size, size_t count, 
     }
     buffer->body.append(static_cast<const char*>(data), static_cast<int>(n));
     return static_cast<size_t>(n);
+}
+
+// The whole announced body at once, never beyond the size limit: no copies
+// while it grows. Once per response; a compressed body may still outgrow it.
+void HttpClientTransfer::reserveAnnounced(ReceiveBuffer& buffer)
+{
+    std::int64_t room = std::min(buffer.announcedLength, kMaxReservedBody);
+    if (buffer.sizeLimit >= 0) {
+        room = std::min(room, buffer.sizeLimit);
+    }
+    buffer.announcedLength = -1;
+    if (room > buffer.body.capacity()) {
+        buffer.body.reserve(static_cast<int>(room));
+        if (room >= kPreparedBody) {
+            prepareBodyPages(buffer.body.constData(), buffer.body.capacity());
+        }
+    }
 }
 
 long HttpClientTransfer::responseCode()
@@ -414,7 +529,8 @@ HttpClientHeaders HttpClientTransfer::receivedHeaders(bool withEffectiveUrl)
     if (withEffectiveUrl) {
         const QString effectiveUrl = getEffectiveUrl(easy.get());
         if (!effectiveUrl.isEmpty()) {
-            headers.insert(QString::fromLatin1(kEffectiveUrlHeader), effectiveUrl);
+            static const QString name = QString::fromLatin1(kEffectiveUrlHeader);
+            headers.insert(name, effectiveUrl);
         }
     }
     return headers;
