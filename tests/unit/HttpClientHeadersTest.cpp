@@ -2,6 +2,8 @@
 
 #include <gtest/gtest.h>
 
+#include <QTextCodec>
+
 #include <sstream>
 
 namespace {
@@ -91,6 +93,34 @@ TEST(HttpClientHeaders, ContinuationLinesAreOrdinaryLines)
     const HttpClientHeaders headers(QByteArray("A: 1\r\n folded\r\n X: y\r\n"));
     EXPECT_EQ(headers.value("A", QString()), "1");
     EXPECT_TRUE(headers.contains(" X"));
+    EXPECT_EQ(headers.headers().size(), 2);
+}
+
+// Found by fuzz_headers: the block was read through a text stream, which decoded
+// it with the process's locale and dropped an incomplete UTF-8 sequence at the
+// very end, so the same bytes parsed differently alone and inside a block.
+TEST(HttpClientHeaders, IncompleteUtf8SequenceAtTheEndIsReplacedNotDropped)
+{
+    const HttpClientHeaders alone(QByteArray("X-Latin1: caf\xe9"));
+    const HttpClientHeaders inBlock(QByteArray("X-Latin1: caf\xe9\r\nA: 1\r\n"));
+    EXPECT_EQ(alone.value("X-Latin1", QString()), QString::fromUtf8("caf\xef\xbf\xbd"));
+    EXPECT_EQ(inBlock.value("X-Latin1", QString()), alone.value("X-Latin1", QString()));
+}
+
+TEST(HttpClientHeaders, BytesDecodeAsUtf8WhateverTheLocaleCodec)
+{
+    QTextCodec* const previous = QTextCodec::codecForLocale();
+    QTextCodec::setCodecForLocale(QTextCodec::codecForName("ISO-8859-1"));
+    const HttpClientHeaders headers(QByteArray("X-Utf8: caf\xc3\xa9\r\n"));
+    QTextCodec::setCodecForLocale(previous);
+    EXPECT_EQ(headers.value("X-Utf8", QString()), QString::fromUtf8("caf\xc3\xa9"));
+}
+
+TEST(HttpClientHeaders, AByteOrderMarkDoesNotSwitchTheBlockToUtf16)
+{
+    const HttpClientHeaders headers(QByteArray("\xff\xfeHTTP/1.1 200 OK\r\nA: 1\r\nB: 2\r\n"));
+    EXPECT_EQ(headers.value("A", QString()), "1");
+    EXPECT_EQ(headers.value("B", QString()), "2");
     EXPECT_EQ(headers.headers().size(), 2);
 }
 

@@ -2,8 +2,6 @@
 
 #include "Log.h"
 
-#include <QTextStream>
-
 #include <cstring>
 
 namespace {
@@ -28,10 +26,21 @@ HttpClientHeaders::HttpClientHeaders(const std::initializer_list<std::pair<QStri
 HttpClientHeaders::HttpClientHeaders(const QByteArray& rawBlock)
 {
     // Read as a C string: whatever follows a NUL byte is not part of the block.
-    const QByteArray text(
-        rawBlock.constData(), static_cast<int>(qstrnlen(rawBlock.constData(), rawBlock.size())));
-    QTextStream stream(text, QIODevice::ReadOnly);
-    for (QString line = stream.readLine(); !line.isNull(); line = stream.readLine()) {
+    const int size = static_cast<int>(qstrnlen(rawBlock.constData(), rawBlock.size()));
+    const char* const text = rawBlock.constData();
+    // Split on bytes and decode each line as UTF-8 on its own. A text stream
+    // would decode with the process's locale, switch to UTF-16 on a byte-order
+    // mark, and drop an incomplete sequence at the very end of the block.
+    for (int start = 0; start < size;) {
+        const char* const lineBreak
+            = static_cast<const char*>(std::memchr(text + start, '\n', static_cast<size_t>(size - start)));
+        const int end = lineBreak ? static_cast<int>(lineBreak - text) : size;
+        int length = end - start;
+        if (length > 0 && text[start + length - 1] == '\r') {
+            --length;
+        }
+        const QString line = QString::fromUtf8(text + start, length);
+        start = end + 1;
         const int colon = line.indexOf(QLatin1Char(':'));
         if (colon < 1) {
             continue; // status lines, blank lines, lines starting with a colon
