@@ -134,7 +134,8 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     if (isPlainAscii(block)) {
         const QHash<QString, QString> expected = asciiModel(lines);
         FUZZ_CHECK(expected == all,
-            "ASCII block differs from the model\nparsed:\n" + describe(all) + "model:\n" + describe(expected));
+            "ASCII block differs from the model\nparsed:\n" + describe(all) + "model:\n"
+                + describe(expected));
     }
 
     std::size_t streamedSize = 0;
