@@ -155,16 +155,16 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     const auto room = [&input]() {
         // Mostly small rooms, some larger than most chunks.
         return input.ConsumeBool() ? input.ConsumeIntegralInRange<int>(1, 16)
-                                   : input.ConsumeIntegralInRange<int>(1, 600);
+                                   : input.ConsumeIntegralInRange<int>(1, 200);
     };
 
-    for (int step = 0; step < 512 && input.remaining_bytes() > 0; ++step) {
+    for (int step = 0; step < 256 && input.remaining_bytes() > 0; ++step) {
         switch (input.ConsumeIntegralInRange<int>(0, 7)) {
         case 0:
         case 1: {
             const bool front = input.ConsumeBool();
             const int length = input.ConsumeBool() ? input.ConsumeIntegralInRange<int>(0, 8)
-                                                   : input.ConsumeIntegralInRange<int>(0, 512);
+                                                   : input.ConsumeIntegralInRange<int>(0, 128);
             const QByteArray chunk = makeChunk(length);
             const bool expected = stream.model.push(chunk, front);
             const bool accepted = front ? stream.queue.prepend(chunk) : stream.queue.append(chunk);
@@ -206,7 +206,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     stream.queue.close();
     FUZZ_CHECK(!stream.queue.append(QByteArray("late")), "append accepted after close");
     bool blocking = false;
-    while (stream.readOnce(blocking, 97) != -1) {
+    while (stream.readOnce(blocking, 509) != -1) {
         blocking = !blocking;
     }
     FUZZ_CHECK(stream.readOnce(true, 1) == -1 && stream.readOnce(false, 1) == -1, "drained queue read again");
