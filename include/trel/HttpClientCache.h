@@ -32,7 +32,8 @@ public:
 };
 
 // In-memory LRU store of GET responses keyed by the URL's cache path, with a
-// budget of body bytes. Capacity 0 (the initial state) stores nothing.
+// budget of body bytes. Capacity 0 (the initial state) stores nothing, and so
+// does a negative one.
 // Runs on the owning client's thread only.
 class TREL_HTTP_CLIENT_EXPORT HttpClientCache
 {
