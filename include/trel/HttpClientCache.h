@@ -47,7 +47,8 @@ public:
 
 /// In-memory LRU store of GET responses keyed by the URL's cache path (the URL
 /// without user info and fragment), with a budget of body bytes. Capacity 0
-/// (the initial state) stores nothing.
+/// (the initial state) stores nothing, and so does a
+/// negative one.
 ///
 /// Each HttpClient owns one and decides what is offered to it and when it is
 /// asked (see HttpClient::setCacheSize()). Runs on the owning client's thread

@@ -383,6 +383,28 @@ TEST(HttpClientCache, ZeroByteEntriesSurviveSetCacheSizeZero)
     EXPECT_FALSE(present(cache, "empty-new"));
 }
 
+// Found by fuzz_cache: a negative size was taken as the budget, so a body
+// cost the negative budget, was stored, and did not count against the budget
+// set afterwards, which then held more bytes than it allowed.
+TEST(HttpClientCache, NegativeSizeTurnsTheCacheOffLikeZero)
+{
+    HttpClientCache cache;
+    cache.setCacheSize(100);
+    ASSERT_TRUE(store(cache, "costly", 60));
+    ASSERT_TRUE(store(cache, "empty", 0));
+    cache.setCacheSize(-10);
+    EXPECT_FALSE(present(cache, "costly"));
+    EXPECT_TRUE(present(cache, "empty")); // as with zero: nothing costly is left
+    EXPECT_FALSE(store(cache, "a", 50));
+    EXPECT_FALSE(present(cache, "a"));
+
+    cache.setCacheSize(100);
+    ASSERT_TRUE(store(cache, "b", 100));
+    ASSERT_TRUE(store(cache, "c", 1));
+    EXPECT_FALSE(present(cache, "b")); // 101 bytes do not fit in 100
+    EXPECT_TRUE(present(cache, "c"));
+}
+
 TEST(HttpClientCache, ShrinkingToZeroStopsOnceTheCostlyEntriesAreGone)
 {
     HttpClientCache cache;

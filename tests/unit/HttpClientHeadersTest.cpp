@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 
+#include <QTextCodec>
 #include <QTextStream>
 
 #include <sstream>
@@ -96,7 +97,7 @@ TEST(HttpClientHeaders, ContinuationLinesAreOrdinaryLines)
     EXPECT_EQ(headers.headers().size(), 2);
 }
 
-// What a header block means when read line by line through a QTextStream.
+// What an ASCII header block means when read line by line through a QTextStream.
 QHash<QString, QString> readThroughTextStream(const QByteArray& block)
 {
     QHash<QString, QString> fields;
@@ -110,7 +111,7 @@ QHash<QString, QString> readThroughTextStream(const QByteArray& block)
     return fields;
 }
 
-TEST(HttpClientHeaders, LineEndingsAndEncodingReadAsATextStreamReadsThem)
+TEST(HttpClientHeaders, LineEndingsAreCutWhereATextStreamCutsThem)
 {
     const QList<QByteArray> blocks = {
         "HTTP/1.1 200 OK\nA: lf only\nB: 2\n\n",
@@ -118,9 +119,6 @@ TEST(HttpClientHeaders, LineEndingsAndEncodingReadAsATextStreamReadsThem)
         "A: two returns\r\r\nB: last line without newline",
         "A: return at the very end\r",
         "A: lone\rreturn inside\r\nB:\r\n:x\r\n\r\n",
-        "A: caf\xc3\xa9 \xe2\x82\xac\r\nN\xc3\xa4me: v\r\n",
-        "\xef\xbb\xbf"
-        "A: after a byte-order mark\r\n",
         "\n\n\r\n",
         "",
     };
@@ -134,6 +132,34 @@ TEST(HttpClientHeaders, LineEndingsAndEncodingReadAsATextStreamReadsThem)
         }
         EXPECT_EQ(got, expected) << block.toStdString();
     }
+}
+
+// Found by fuzz_headers: the block was read through a text stream, which decoded
+// it with the process's locale and dropped an incomplete UTF-8 sequence at the
+// very end, so the same bytes parsed differently alone and inside a block.
+TEST(HttpClientHeaders, IncompleteUtf8SequenceAtTheEndIsReplacedNotDropped)
+{
+    const HttpClientHeaders alone(QByteArray("X-Latin1: caf\xe9"));
+    const HttpClientHeaders inBlock(QByteArray("X-Latin1: caf\xe9\r\nA: 1\r\n"));
+    EXPECT_EQ(alone.value("X-Latin1", QString()), QString::fromUtf8("caf\xef\xbf\xbd"));
+    EXPECT_EQ(inBlock.value("X-Latin1", QString()), alone.value("X-Latin1", QString()));
+}
+
+TEST(HttpClientHeaders, BytesDecodeAsUtf8WhateverTheLocaleCodec)
+{
+    QTextCodec* const previous = QTextCodec::codecForLocale();
+    QTextCodec::setCodecForLocale(QTextCodec::codecForName("ISO-8859-1"));
+    const HttpClientHeaders headers(QByteArray("X-Utf8: caf\xc3\xa9\r\n"));
+    QTextCodec::setCodecForLocale(previous);
+    EXPECT_EQ(headers.value("X-Utf8", QString()), QString::fromUtf8("caf\xc3\xa9"));
+}
+
+TEST(HttpClientHeaders, AByteOrderMarkDoesNotSwitchTheBlockToUtf16)
+{
+    const HttpClientHeaders headers(QByteArray("\xff\xfeHTTP/1.1 200 OK\r\nA: 1\r\nB: 2\r\n"));
+    EXPECT_EQ(headers.value("A", QString()), "1");
+    EXPECT_EQ(headers.value("B", QString()), "2");
+    EXPECT_EQ(headers.headers().size(), 2);
 }
 
 TEST(HttpClientHeaders, AbsentNameGivesNullWithFlagOrTheDefault)

@@ -72,7 +72,10 @@ bool HttpClientCache::tryCache(const TrelUrl& url, HttpClientStatus status, int 
 void HttpClientCache::setCacheSize(int size)
 {
     TREL_ENTER("Bytes " << size);
-    entries.setMaxCost(size);
+    // A negative budget would make every later cost negative (it is capped at
+    // the budget), and entries stored so would not count against a budget set
+    // later: below zero means off, like zero.
+    entries.setMaxCost(std::max(size, 0));
 }
 
 void HttpClientCache::clear()

@@ -2,8 +2,6 @@
 
 #include "Log.h"
 
-#include <QTextCodec>
-
 #include <cstring>
 
 namespace {
@@ -28,28 +26,25 @@ HttpClientHeaders::HttpClientHeaders(const std::initializer_list<std::pair<QStri
 HttpClientHeaders::HttpClientHeaders(const QByteArray& rawBlock)
 {
     // Read as a C string: whatever follows a NUL byte is not part of the block.
-    const QByteArray text(
-        rawBlock.constData(), static_cast<int>(qstrnlen(rawBlock.constData(), rawBlock.size())));
-    // Decoded as a text stream would: the locale's codec unless the block
-    // starts with a Unicode byte-order mark. Every result parses one block, so
-    // the lines are cut here instead of through a QTextStream.
-    const QString block = QTextCodec::codecForUtfText(text, QTextCodec::codecForLocale())->toUnicode(text);
-    int start = 0;
-    while (start < block.size()) {
-        int end = block.indexOf(QLatin1Char('\n'), start);
-        const int next = end < 0 ? block.size() : end + 1;
-        if (end < 0) {
-            end = block.size();
+    const int size = static_cast<int>(qstrnlen(rawBlock.constData(), rawBlock.size()));
+    const char* const text = rawBlock.constData();
+    // Split on bytes and decode each line as UTF-8 on its own. A text stream
+    // would decode with the process's locale, switch to UTF-16 on a byte-order
+    // mark, and drop an incomplete sequence at the very end of the block.
+    for (int start = 0; start < size;) {
+        const char* const lineBreak
+            = static_cast<const char*>(std::memchr(text + start, '\n', static_cast<size_t>(size - start)));
+        const int end = lineBreak ? static_cast<int>(lineBreak - text) : size;
+        int length = end - start;
+        if (length > 0 && text[start + length - 1] == '\r') {
+            --length;
         }
-        if (end > start && block.at(end - 1) == QLatin1Char('\r')) {
-            --end; // a line ends with "\n" or "\r\n"
-        }
-        const QStringRef line = block.midRef(start, end - start);
+        const QString line = QString::fromUtf8(text + start, length);
+        start = end + 1;
         const int colon = line.indexOf(QLatin1Char(':'));
         if (colon >= 1) { // skips status lines, blank lines, lines starting with a colon
-            insert(line.left(colon).toString(), line.mid(colon + 1).trimmed().toString());
+            insert(line.left(colon), line.mid(colon + 1).trimmed());
         }
-        start = next;
     }
 }
 
