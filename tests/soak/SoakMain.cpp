@@ -706,7 +706,7 @@ private:
             cancelLive(index);
         }
         // A few fresh requests are certainly live at the destruction.
-        for (int i = 0; i < 6 && issued < config.requests; ++i) {
+        for (int i = 0; i < 6 && issued < nextSampleAt; ++i) {
             issue(slot);
         }
         const QDeadlineTimer wait(10000);
@@ -849,10 +849,10 @@ private:
         }
         std::printf(
             "\nrequests issued %lld of %lld; results %lld; lost %lld; duplicated %lld; inconsistent %lld; "
-            "stray %lld\n",
+            "late %lld; stray %lld\n",
             static_cast<long long>(issued), static_cast<long long>(config.requests),
             static_cast<long long>(results), static_cast<long long>(missing), static_cast<long long>(doubled),
-            static_cast<long long>(bad), static_cast<long long>(strayResults));
+            static_cast<long long>(bad), static_cast<long long>(late), static_cast<long long>(strayResults));
         std::printf(
             "refused %lld; cache hits %lld; cancelled %lld; cancels after the result %lld (all refused: "
             "%s); slot requests live when their client was destroyed %lld; clients replaced %lld\n",
