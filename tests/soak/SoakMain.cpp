@@ -83,6 +83,9 @@ struct Config
     quint32 seed = 20261123;
     int window = 64; // requests in flight, at most
     int clients = 4;
+    // The first clients ask for HTTP/2: nginx answers them over TLS with
+    // multiplexed streams; the loopback server keeps them on HTTP/1.1.
+    int http2Clients = 1;
     int sampleEvery = 10000;
     int churnEvery = 2500; // one client is destroyed and replaced this often
     int deadlineS = 0; // 0: derived from the number of requests
@@ -329,9 +332,11 @@ struct Sample
 class Soak : public QObject
 {
 public:
-    Soak(const Config& config, const QByteArray& nginx, const QByteArray& loopback)
+    Soak(
+        const Config& config, const QByteArray& nginx, const QByteArray& nginxTls, const QByteArray& loopback)
         : config(config)
-        , nginx(nginx)
+        , nginxPlain(nginx)
+        , nginxTls(nginxTls)
         , loopback(loopback)
         , random(config.seed)
         , tally(static_cast<size_t>(config.requests))
@@ -446,6 +451,7 @@ private:
         std::unique_ptr<HttpClient> client;
         quint64 generation = 0;
         bool cache = false;
+        bool http2 = false;
     };
     struct StaleCancel
     {
@@ -492,7 +498,9 @@ private:
     void createClient(int slot)
     {
         ClientSlot& c = clients[static_cast<size_t>(slot)];
-        c.client = std::make_unique<HttpClient>(nullptr, HttpClient::Http1, random() % 4 == 0);
+        c.http2 = slot < config.http2Clients;
+        c.client = std::make_unique<HttpClient>(
+            nullptr, c.http2 ? HttpClient::Http2 : HttpClient::Http1, random() % 4 == 0);
         c.generation = ++generations;
         c.cache = random() % 2 == 0;
         if (c.cache) {
@@ -533,10 +541,12 @@ private:
         request.callback = forcedSlot < 0 && pick(2) == 0;
         HttpClientOptions options;
         options.setUserData(HttpClientPrivate(index));
+        options.setVerifyPeer(false); // nginx's self-signed certificate
         options.setTimeoutMs(kSafetyTimeoutMs);
         const HttpClient::Callback callback
             = [this, index](const HttpClientResult& r) { onResult(index, r.status, r.code, r.body); };
         const bool viaNginx = pick(2) == 0;
+        const QByteArray& nginx = c.http2 ? nginxTls : nginxPlain;
         const QByteArray& server = viaNginx ? nginx : loopback;
         bool cacheable = false;
         void* id = nullptr;
@@ -951,7 +961,8 @@ private:
     }
 
     const Config config;
-    const QByteArray nginx;
+    const QByteArray nginxPlain;
+    const QByteArray nginxTls; // HTTP/2 over TLS, for the HTTP/2 clients
     const QByteArray loopback;
     std::mt19937_64 random;
     std::vector<Tally> tally; // one per request, allocated (and touched) up front
@@ -999,7 +1010,8 @@ void Sink::onResult(const TrelUrl& /*url*/, const HttpClientPrivate& context, in
 int usage()
 {
     std::fprintf(stderr,
-        "usage: trel-soak [--requests N] [--seed S] [--window W] [--clients C] [--sample-every K] "
+        "usage: trel-soak [--requests N] [--seed S] [--window W] [--clients C] [--http2-clients H] "
+        "[--sample-every K] "
         "[--churn-every K] [--deadline-s S]\n");
     return 2;
 }
@@ -1036,7 +1048,7 @@ int main(int argc, char** argv)
             return usage();
         }
         const long long value = std::atoll(argv[++i]);
-        if (value <= 0) {
+        if (value < 0 || (value == 0 && option != "--http2-clients")) {
             return usage();
         }
         if (option == "--requests") {
@@ -1047,6 +1059,8 @@ int main(int argc, char** argv)
             config.window = static_cast<int>(value);
         } else if (option == "--clients") {
             config.clients = static_cast<int>(value);
+        } else if (option == "--http2-clients") {
+            config.http2Clients = static_cast<int>(value);
         } else if (option == "--sample-every") {
             config.sampleEvery = static_cast<int>(value);
         } else if (option == "--churn-every") {
@@ -1086,19 +1100,23 @@ int main(int argc, char** argv)
     NginxServer::Options nginxOptions;
     nginxOptions.backendPort = loopback.port();
     nginxOptions.accessLog = false;
+    nginxOptions.http2Tls = config.http2Clients > 0;
     if (!nginx.start(nginxOptions)) {
         std::fprintf(stderr, "trel-soak: nginx did not start: %s\n", qPrintable(nginx.error()));
         loopback.stop();
         return 3;
     }
-    std::printf("trel-soak: %lld requests, seed %u, window %d, %d clients (one replaced every %d requests), "
-                "sample every %d requests; nginx on port %u, loopback server on port %u\n",
+    std::printf(
+        "trel-soak: %lld requests, seed %u, window %d, %d clients (%d of them HTTP/2; one replaced every "
+        "%d requests), sample every %d requests; nginx on port %u (TLS %u), loopback server on port %u\n",
         static_cast<long long>(config.requests), config.seed, config.window, config.clients,
-        config.churnEvery, config.sampleEvery, nginx.port(), loopback.port());
+        std::min(config.http2Clients, config.clients), config.churnEvery, config.sampleEvery, nginx.port(),
+        nginx.tlsPort(), loopback.port());
 
     bool ok = false;
     {
-        Soak soak(config, nginx.url(""), loopback.url(""));
+        const QByteArray tls = "https://127.0.0.1:" + QByteArray::number(nginx.tlsPort());
+        Soak soak(config, nginx.url(""), tls, loopback.url(""));
         ok = soak.run();
     }
     nginx.stop();
