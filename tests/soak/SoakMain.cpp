@@ -880,7 +880,15 @@ private:
             }
         }
         std::printf(
-            "\nrequests issued %lld of %lld; results %lld; lost %lld; duplicated %lld; inconsistent %lld; "
+            "\nlost: no result within %d s once the load stopped for a sample, or by the end; dup: a "
+            "second result, or one for a refused request; bad: a result that contradicts its request "
+            "(an echo unlike the body sent, an answer from the route that never answers, a cancelled "
+            "request not ending Error -1, a cancel accepted after the result); cancelled: cancel() "
+            "returned true; RSS, fds, sockets, tmp (trel-http-fetcher.* files): sampled with nothing in "
+            "flight\n",
+            config.drainS);
+        std::printf(
+            "requests issued %lld of %lld; results %lld; lost %lld; duplicated %lld; inconsistent %lld; "
             "late %lld; stray %lld\n",
             static_cast<long long>(issued), static_cast<long long>(config.requests),
             static_cast<long long>(results), static_cast<long long>(missing), static_cast<long long>(doubled),
