@@ -308,10 +308,19 @@ void LoopbackServer::clear()
     received.clear();
 }
 
+void LoopbackServer::setRecording(bool keep)
+{
+    std::lock_guard<std::mutex> lock(mutex);
+    recording = keep;
+}
+
 void LoopbackServer::record(const RecordedRequest& request)
 {
     {
         std::lock_guard<std::mutex> lock(mutex);
+        if (!recording) {
+            return;
+        }
         received.append(request);
     }
     recorded.notify_all();

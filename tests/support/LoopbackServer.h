@@ -109,6 +109,9 @@ public:
     int connectionCount() const;
     bool waitForRequests(int count, int timeoutMs) const;
     void clear();
+    // False: requests are still answered but no longer kept, so a long run's
+    // memory stays flat (requests() then lists nothing new).
+    void setRecording(bool keep);
 
 private:
     struct Connection;
@@ -130,6 +133,7 @@ private:
     mutable std::mutex mutex;
     mutable std::condition_variable recorded;
     QList<RecordedRequest> received;
+    bool recording = true;
     int accepted = 0;
     Handler handler;
 };
