@@ -72,12 +72,15 @@ inline void noteShape(std::uint8_t value)
     table[value]();
 }
 
-inline void silenceLibraryLog()
+} // namespace trel::fuzz
+
+// Each target is an executable of its own that includes this header once: the
+// library's log is switched off before the first input.
+extern "C" int LLVMFuzzerInitialize(int*, char***)
 {
     log4cplus::Logger::getInstance(LOG4CPLUS_TEXT("HttpClient")).setLogLevel(log4cplus::OFF_LOG_LEVEL);
+    return 0;
 }
-
-} // namespace trel::fuzz
 
 #define FUZZ_CHECK(condition, detail)                                                                        \
     do {                                                                                                     \

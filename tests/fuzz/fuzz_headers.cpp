@@ -95,12 +95,6 @@ std::string describe(const QHash<QString, QString>& headers)
 
 } // namespace
 
-extern "C" int LLVMFuzzerInitialize(int*, char***)
-{
-    trel::fuzz::silenceLibraryLog();
-    return 0;
-}
-
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size)
 {
     const QByteArray raw(reinterpret_cast<const char*>(data), static_cast<int>(size));

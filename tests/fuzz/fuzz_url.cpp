@@ -52,12 +52,6 @@ TrelUrl rewritePlus(const TrelUrl& url)
 
 } // namespace
 
-extern "C" int LLVMFuzzerInitialize(int*, char***)
-{
-    trel::fuzz::silenceLibraryLog();
-    return 0;
-}
-
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size)
 {
     if (size == 0) {
