@@ -53,24 +53,26 @@ constexpr std::int64_t kPreparedBody = std::int64_t(4) << 20;
 constexpr std::uintptr_t kHugePageSize = std::uintptr_t(2) << 20;
 constexpr std::uintptr_t kPageSize = 4096;
 
-// Only pages wholly inside the body; a refusal (older kernels) changes nothing.
+// Gives advice for the pages of pageSize wholly inside [start, stop); a
+// refusal (older kernels) changes nothing.
+void adviseWholePages(std::uintptr_t start, std::uintptr_t stop, std::uintptr_t pageSize, int advice)
+{
+    const std::uintptr_t begin = (start + pageSize - 1) & ~(pageSize - 1);
+    const std::uintptr_t end = stop & ~(pageSize - 1);
+    if (end > begin) {
+        ::madvise(reinterpret_cast<void*>(begin), end - begin, advice);
+    }
+}
+
 void prepareBodyPages(const char* data, std::int64_t size)
 {
     const auto start = reinterpret_cast<std::uintptr_t>(data);
     const std::uintptr_t stop = start + static_cast<std::uintptr_t>(size);
 #ifdef MADV_HUGEPAGE
-    const std::uintptr_t hugeBegin = (start + kHugePageSize - 1) & ~(kHugePageSize - 1);
-    const std::uintptr_t hugeEnd = stop & ~(kHugePageSize - 1);
-    if (hugeEnd > hugeBegin) {
-        ::madvise(reinterpret_cast<void*>(hugeBegin), hugeEnd - hugeBegin, MADV_HUGEPAGE);
-    }
+    adviseWholePages(start, stop, kHugePageSize, MADV_HUGEPAGE);
 #endif
 #ifdef MADV_POPULATE_WRITE
-    const std::uintptr_t pageBegin = (start + kPageSize - 1) & ~(kPageSize - 1);
-    const std::uintptr_t pageEnd = stop & ~(kPageSize - 1);
-    if (pageEnd > pageBegin) {
-        ::madvise(reinterpret_cast<void*>(pageBegin), pageEnd - pageBegin, MADV_POPULATE_WRITE);
-    }
+    adviseWholePages(start, stop, kPageSize, MADV_POPULATE_WRITE);
 #endif
     (void)start;
     (void)stop;
