@@ -370,7 +370,9 @@ void Fetcher::noteResponse(Transfer& transfer)
     }
     transfer.responseSeen = true;
     transfer.expected = contentLength(transfer.headers);
-    transfer.dropBody = config.failOnHttpError && transfer.code >= 400;
+    // -f writes no error body, except into a file that --save-errors keeps.
+    const bool savedAnyway = config.saveErrors && transfer.sink && !transfer.sink->path().isEmpty();
+    transfer.dropBody = config.failOnHttpError && transfer.code >= 400 && !savedAnyway;
     if (config.verbose && transfer.code > 0) {
         reporter.responseHeaders(transfer.code, transfer.headers, config.version == HttpClient::Http2);
     }
