@@ -673,9 +673,31 @@ TEST_F(TrelFetch, ManPageDescribesExactlyTheOptionsOfHelp)
         inMan << it.next().captured(1).replace("\\-", "-");
     }
     EXPECT_GE(inHelp.size(), 40);
-    EXPECT_EQ(inMan, inHelp);
+    EXPECT_EQ(inMan.join(' ').toStdString(), inHelp.join(' ').toStdString());
     EXPECT_TRUE(page.contains(".SH EXIT STATUS"));
     EXPECT_TRUE(page.contains(".SH EXAMPLES"));
+}
+
+// The README's exit-code table is the one --help prints.
+TEST_F(TrelFetch, ReadmeExitCodeTableIsTheOneOfHelp)
+{
+    const QString help = QString::fromUtf8(runFetch({ "--help" }).out);
+    const QRegularExpression helpRow(R"(^ +(\d+)  (.+)$)", QRegularExpression::MultilineOption);
+    QStringList fromHelp;
+    for (auto it = helpRow.globalMatch(help.mid(help.indexOf("Exit codes"))); it.hasNext();) {
+        const QRegularExpressionMatch match = it.next();
+        fromHelp << match.captured(1) + " " + match.captured(2);
+    }
+    const QString readme = QString::fromUtf8(readFile(QStringLiteral(TREL_README)));
+    const QString section = readme.mid(readme.indexOf("## trel-fetch"));
+    const QRegularExpression readmeRow(R"(^\| (\d+) \| (.+) \|$)", QRegularExpression::MultilineOption);
+    QStringList fromReadme;
+    for (auto it = readmeRow.globalMatch(section.left(section.indexOf("\n## ", 3))); it.hasNext();) {
+        const QRegularExpressionMatch match = it.next();
+        fromReadme << match.captured(1) + " " + QString(match.captured(2)).remove('`');
+    }
+    EXPECT_GE(fromHelp.size(), 14);
+    EXPECT_EQ(fromReadme.join('\n').toStdString(), fromHelp.join('\n').toStdString());
 }
 
 // ---------------------------------------------------------------------------
