@@ -155,6 +155,26 @@ TEST_F(TrelFetch, OutputAndRemoteNameBelongToTheUrlsInOrder)
     EXPECT_EQ(filesIn(dir.path()), (QStringList { "first.bin", "second.txt" }));
 }
 
+TEST_F(TrelFetch, DashAsOutputIsStandardOutput)
+{
+    QTemporaryDir dir;
+    const FetchRun run = runFetch({ "-o", "-", url("/bytes/3"), "-o", dir.filePath("b"), url("/bytes/4") });
+    EXPECT_EQ(run.exitCode, 0) << run.err.constData();
+    EXPECT_EQ(run.out, "abc");
+    EXPECT_EQ(readFile(dir.filePath("b")), "abcd");
+}
+
+// As with curl, a reader that goes away is a write error (23), not a crash.
+TEST_F(TrelFetch, AClosedStandardOutputIsAWriteError)
+{
+    QProcess shell;
+    shell.start("bash",
+        { "-c", "set -o pipefail; \"$0\" -s \"$1\" | head -c 10 >/dev/null", TREL_FETCH_PATH,
+            url("/bytes/20000000") });
+    ASSERT_TRUE(shell.waitForFinished(60000));
+    EXPECT_EQ(shell.exitCode(), 23) << shell.readAllStandardError().constData();
+}
+
 TEST_F(TrelFetch, RemoteNameAllSavesEveryBody)
 {
     QTemporaryDir dir;

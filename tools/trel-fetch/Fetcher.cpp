@@ -228,7 +228,7 @@ std::unique_ptr<BodySink> Fetcher::sinkFor(const Job& job, Outcome& failure) con
     if (!target && config.remoteNameAll) {
         target = OutputTarget { true, {} };
     }
-    if (!target) {
+    if (!target || target->path == "-") { // as with curl, -o - is standard output
         return std::make_unique<StreamSink>(stdout);
     }
     QString name = target->path;

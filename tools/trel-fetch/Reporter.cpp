@@ -286,7 +286,7 @@ void Reporter::summary(const Totals& totals, std::int64_t elapsedUs, bool interr
     if (config.report == ReportFormat::Json) {
         const QJsonObject object { { "kind", "summary" }, { "requests", totals.requests },
             { "failed", totals.failures }, { "bytes", static_cast<double>(totals.bytes) },
-            { "ms", static_cast<double>(elapsedUs / 1000) }, { "cached", totals.cached },
+            { "ms", static_cast<double>(elapsedUs) / 1000.0 }, { "cached", totals.cached },
             { "pushed", totals.pushed }, { "interrupted", interrupted } };
         writeReportLine(QString::fromUtf8(QJsonDocument(object).toJson(QJsonDocument::Compact)));
     } else if (config.report == ReportFormat::Text) {

@@ -20,6 +20,8 @@
 #include <log4cplus/logger.h>
 #include <log4cplus/nullappender.h>
 
+#include <algorithm>
+#include <csignal>
 #include <cstdio>
 #include <iostream>
 #include <memory>
@@ -60,7 +62,12 @@ void printVersions()
 
 bool bodiesGoToStandardOutput(const trelfetch::FetchConfig& config)
 {
-    return !config.remoteNameAll && config.outputs.size() < config.urls.size() - config.urls.count("-");
+    const auto commandLineUrls = config.urls.size() - config.urls.count("-");
+    const bool someWithoutOutput = config.outputs.size() < commandLineUrls || config.readsStandardInputList()
+        || !config.urlFile.isEmpty();
+    const bool dashOutput = std::any_of(config.outputs.cbegin(), config.outputs.cend(),
+        [](const trelfetch::OutputTarget& output) { return output.path == "-"; });
+    return dashOutput || (!config.remoteNameAll && someWithoutOutput);
 }
 
 int run(QCoreApplication& app, const trelfetch::FetchConfig& config)
@@ -86,6 +93,9 @@ int main(int argc, char** argv)
 {
     log4cplus::Initializer logging;
     QCoreApplication app(argc, argv);
+    // A closed standard output (trel-fetch ... | head) is a write error with
+    // exit code 23, as with curl, rather than death by SIGPIPE.
+    std::signal(SIGPIPE, SIG_IGN);
 
     const trelfetch::ParseOutcome outcome = trelfetch::parseCommandLine(app.arguments().mid(1), std::cin);
     switch (outcome.action) {
