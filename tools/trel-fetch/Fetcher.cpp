@@ -211,7 +211,8 @@ void Fetcher::launch(int jobIndex)
     if (config.connectTimeoutMs > 0) {
         QTimer::singleShot(config.connectTimeoutMs, this, [this, token] {
             const auto found = transfers.find(token);
-            if (found != transfers.end() && !found->second.responseSeen && found->second.id) {
+            // Anything from the server (header lines included) shows the connection stands.
+            if (found != transfers.end() && found->second.firstByteMs < 0 && found->second.id) {
                 abort(found->second,
                     { exitcode::kTimeout,
                         QString("Connection timed out after %1 milliseconds").arg(config.connectTimeoutMs) });
