@@ -2,7 +2,7 @@
 
 // Running trel-fetch as a user would: arguments, standard input, environment,
 // and what it wrote and returned; also its peak memory, measured by the
-// harness from the kernel's accounting of the finished child.
+// harness from the kernel's accounting of the child as it exits.
 
 #include <QByteArray>
 #include <QDir>
@@ -15,10 +15,11 @@
 #include <QString>
 #include <QStringList>
 
+#include <csignal>
 #include <vector>
 
 #include <fcntl.h>
-#include <sys/resource.h>
+#include <sys/ptrace.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -72,12 +73,28 @@ inline FetchRun runFetch(const QStringList& arguments, const QByteArray& input =
 struct MeasuredRun
 {
     int exitCode = -1;
-    long peakRssKb = -1; // the child's ru_maxrss
+    long peakRssKb = -1; // the child's VmHWM as it exits
 };
 
+// VmHWM (peak resident set size) of a process, from /proc; -1 when unknown.
+inline long peakRssKbOf(pid_t pid)
+{
+    QFile status(QString("/proc/%1/status").arg(pid));
+    if (!status.open(QIODevice::ReadOnly)) {
+        return -1;
+    }
+    for (const QByteArray& line : status.readAll().split('\n')) {
+        if (line.startsWith("VmHWM:")) {
+            return line.mid(6).trimmed().split(' ').first().toLong();
+        }
+    }
+    return -1;
+}
+
 // Runs trel-fetch with standard output and standard error to files and
-// returns its exit code and peak resident set size, from wait4's rusage of
-// exactly this child.
+// returns its exit code and peak resident set size. The peak is read from
+// /proc at the moment the child exits (a ptrace exit stop), because rusage's
+// ru_maxrss of a forked child also counts the test process it was forked from.
 inline MeasuredRun runMeasured(const QStringList& arguments, const QString& outPath, const QString& errPath)
 {
     std::vector<QByteArray> storage { QByteArray(TREL_FETCH_PATH) };
@@ -103,14 +120,27 @@ inline MeasuredRun runMeasured(const QStringList& arguments, const QString& outP
         ::dup2(outFd, STDOUT_FILENO);
         ::dup2(errFd, STDERR_FILENO);
         ::dup2(nullFd, STDIN_FILENO);
-        ::execv(argv[0], argv.data());
+        ::ptrace(PTRACE_TRACEME, 0, nullptr, nullptr);
+        ::execv(argv[0], argv.data()); // stops with SIGTRAP once the new program is loaded
         ::_exit(127);
     }
     int status = 0;
-    rusage usage {};
-    if (::wait4(child, &status, 0, &usage) == child && WIFEXITED(status)) {
-        measured.exitCode = WEXITSTATUS(status);
-        measured.peakRssKb = usage.ru_maxrss;
+    if (::waitpid(child, &status, 0) != child || !WIFSTOPPED(status)) {
+        return measured;
+    }
+    ::ptrace(PTRACE_SETOPTIONS, child, nullptr, reinterpret_cast<void*>(PTRACE_O_TRACEEXIT));
+    ::ptrace(PTRACE_CONT, child, nullptr, nullptr);
+    while (::waitpid(child, &status, 0) == child) {
+        if (WIFEXITED(status) || WIFSIGNALED(status)) {
+            measured.exitCode = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+            break;
+        }
+        const bool exiting = (status >> 8) == (SIGTRAP | (PTRACE_EVENT_EXIT << 8));
+        if (exiting) {
+            measured.peakRssKb = peakRssKbOf(child);
+        }
+        const long forwarded = exiting ? 0 : WSTOPSIG(status);
+        ::ptrace(PTRACE_CONT, child, nullptr, reinterpret_cast<void*>(forwarded));
     }
     return measured;
 }
