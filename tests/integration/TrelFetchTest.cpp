@@ -750,6 +750,8 @@ TEST_F(TrelFetch, ABadLineIsOneFailedEntryAndTheOthersRun)
     EXPECT_EQ(server().requestCount(), 3);
     const QList<QJsonObject> reports = run.reports();
     ASSERT_EQ(reports.size(), 5) << run.err.constData();
+    // Standard error holds JSON Lines only: the results, then the summary.
+    EXPECT_EQ(run.err.trimmed().split('\n').size(), 6) << run.err.constData();
     EXPECT_EQ(reports[1].value("index").toInt(), 1);
     EXPECT_EQ(reports[1].value("url").toString(), "not a url");
     EXPECT_EQ(reports[1].value("exit_code").toInt(), 3);
@@ -801,6 +803,7 @@ TEST_F(TrelFetch, TextReportHasOneLinePerResultAndASummary)
     EXPECT_TRUE(err.contains("#2 OK 404 10B ")) << run.err.constData(); // received, though -f writes none
     EXPECT_TRUE(err.contains("[exit 22: The requested URL returned error: 404]")) << run.err.constData();
     EXPECT_TRUE(err.contains("trel-fetch: 2 requests, 1 failed, 20 bytes in ")) << run.err.constData();
+    EXPECT_FALSE(err.contains("trel-fetch: (22)")) << "the report line already names the failure";
     EXPECT_EQ(run.out, patternBytes(10));
 }
 

@@ -211,7 +211,10 @@ void Reporter::result(const ResultRecord& record)
     if (config.report != ReportFormat::None) {
         writeReportLine(config.report == ReportFormat::Json ? jsonLine(record) : textLine(record));
     }
-    if (record.outcome.failed() && config.showsErrors()) {
+    // A report on standard error already names the failure; a second line in
+    // another format would break a JSON Lines reader.
+    const bool reportedOnStandardError = config.report != ReportFormat::None && config.reportFile.isEmpty();
+    if (record.outcome.failed() && config.showsErrors() && !reportedOnStandardError) {
         writeLine(stderr,
             QString("trel-fetch: (%1) %2: %3")
                 .arg(record.outcome.exitCode)
