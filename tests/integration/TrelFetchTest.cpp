@@ -881,7 +881,9 @@ protected:
     static void SetUpTestSuite()
     {
         nginx = new NginxServer;
-        if (!nginx->start()) {
+        NginxServer::Options options;
+        options.workerConnections = 256; // a small server: a client must not open thousands of connections
+        if (!nginx->start(options)) {
             startError = nginx->error();
         }
     }
