@@ -416,36 +416,55 @@ void Fetcher::complete(int token, const HttpClientResult& result)
     Transfer transfer = std::move(found->second);
     transfers.erase(found);
 
-    const bool fromLibrary = !transfer.localFailure;
-    if (fromLibrary && (result.status == HttpClientStatus::OK || !result.body.isEmpty())) {
+    if (!transfer.localFailure && (result.status == HttpClientStatus::OK || !result.body.isEmpty())) {
         receive(transfer, result);
         noteResponse(transfer); // an empty body still has a response
     }
     Outcome outcome = finalOutcome(transfer, result);
-    const int code = transfer.code > 0 ? transfer.code : result.code;
+    const QString savedTo = settleBody(transfer, result, outcome);
+    tally(recordOf(transfer, result, outcome, savedTo));
+    launchMore();
+    finishIfDone();
+}
+
+// Commits the body (standard output is flushed; a file gets its final name) or
+// discards it. Returns the file it was saved to; a failed commit fails `outcome`.
+QString Fetcher::settleBody(Transfer& transfer, const HttpClientResult& result, Outcome& outcome)
+{
+    if (!transfer.sink) {
+        return {};
+    }
     // A whole response: kept when it succeeded, or when --save-errors asks for error bodies too.
     const bool whole = result.status == HttpClientStatus::OK && !transfer.localFailure && !transfer.cancelled;
-    const bool keep = whole && (code < 400 || config.saveErrors);
-    QString savedTo;
-    if (transfer.sink) {
-        if (keep || transfer.sink->path().isEmpty()) {
-            if (transfer.sink->commit()) {
-                savedTo = transfer.sink->path();
-            } else if (!outcome.failed()) {
-                outcome = { exitcode::kWrite, transfer.sink->error() };
-            }
-        } else {
-            transfer.sink->discard();
-        }
+    const bool keep = whole && (responseCode(transfer, result) < 400 || config.saveErrors);
+    if (!keep && !transfer.sink->path().isEmpty()) {
+        transfer.sink->discard();
+        return {};
     }
+    if (!transfer.sink->commit()) {
+        if (!outcome.failed()) {
+            outcome = { exitcode::kWrite, transfer.sink->error() };
+        }
+        return {};
+    }
+    return transfer.sink->path();
+}
 
+int Fetcher::responseCode(const Transfer& transfer, const HttpClientResult& result)
+{
+    return transfer.code > 0 ? transfer.code : result.code;
+}
+
+ResultRecord Fetcher::recordOf(
+    const Transfer& transfer, const HttpClientResult& result, const Outcome& outcome, const QString& savedTo)
+{
     ResultRecord record;
     record.index = transfer.job;
     record.round = transfer.round;
     record.url = transfer.url;
     record.effectiveUrl = result.status == HttpClientStatus::OK ? effectiveUrl(result) : QString();
     record.status = transfer.localFailure ? HttpClientStatus::Error : result.status;
-    record.code = code;
+    record.code = responseCode(transfer, result);
     record.outcome = outcome;
     record.bytes = transfer.received;
     record.headers = transfer.headers;
@@ -454,9 +473,7 @@ void Fetcher::complete(int token, const HttpClientResult& result)
     record.savedTo = savedTo;
     record.cached = transfer.cached;
     record.cancelled = transfer.cancelled;
-    tally(record);
-    launchMore();
-    finishIfDone();
+    return record;
 }
 
 void Fetcher::tally(const ResultRecord& record)

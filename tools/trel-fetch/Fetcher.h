@@ -16,7 +16,6 @@
 
 #include <QElapsedTimer>
 #include <QFile>
-#include <QHash>
 #include <QObject>
 #include <QTimer>
 #include <QVector>
@@ -95,6 +94,10 @@ private:
     void abort(Transfer& transfer, const Outcome& failure);
     void complete(int token, const HttpClientResult& result);
     Outcome finalOutcome(Transfer& transfer, const HttpClientResult& result);
+    QString settleBody(Transfer& transfer, const HttpClientResult& result, Outcome& outcome);
+    static int responseCode(const Transfer& transfer, const HttpClientResult& result);
+    static ResultRecord recordOf(const Transfer& transfer, const HttpClientResult& result,
+        const Outcome& outcome, const QString& savedTo);
     void tally(const ResultRecord& record);
     void finishIfDone();
     void finish(bool interrupted);
