@@ -198,7 +198,7 @@ bool NginxServer::writeConfig(const Options& options)
             "daemon off;\n"
             "pid %3/nginx.pid;\n"
             "error_log %3/error.log warn;\n"
-            "events { worker_connections 4096; }\n"
+            "events { worker_connections %7; }\n"
             "http {\n"
             "    log_format trel '$connection $connection_requests $request_method $request_uri $status "
             "$request_length $body_bytes_sent';\n"
@@ -223,7 +223,8 @@ bool NginxServer::writeConfig(const Options& options)
               .arg(dir)
               .arg(plainPort)
               .arg(tls)
-              .arg(options.accessLog ? dir + QStringLiteral("/access.log trel") : QStringLiteral("off"));
+              .arg(options.accessLog ? dir + QStringLiteral("/access.log trel") : QStringLiteral("off"))
+              .arg(options.workerConnections);
     return writeFileAt(dir + QStringLiteral("/locations.conf"), locations.toUtf8())
         && writeFileAt(dir + QStringLiteral("/nginx.conf"), config.toUtf8());
 }

@@ -56,6 +56,7 @@ public:
         bool http2Tls = false; // also listen with TLS and HTTP/2 on tlsPort()
         int workers = 1;
         bool accessLog = true; // benchmarks turn it off
+        int workerConnections = 4096; // per worker; a small value shows what a client opens at once
     };
 
     NginxServer() = default;

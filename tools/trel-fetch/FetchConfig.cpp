@@ -1,14 +1,13 @@
 #include "FetchConfig.h"
 
-#include <QCommandLineOption>
-#include <QCommandLineParser>
-#include <QCoreApplication>
+#include "OptionTable.h"
+
 #include <QFile>
 #include <QRegularExpression>
-#include <QUrl>
 
+#include <cmath>
+#include <iterator>
 #include <limits>
-#include <string>
 
 namespace trelfetch {
 namespace {
@@ -24,42 +23,142 @@ struct UsageError
     throw UsageError { message };
 }
 
-QList<QCommandLineOption> optionTable()
+// The options of one command line in the order given, and the URLs.
+class ParsedArguments
 {
-    return {
-        { "help", "Show this help and exit." },
-        { "http2", "Use HTTP/2: multiplex all requests over one connection per server." },
-        { "method", "Request method: GET, HEAD, POST, PUT, DELETE or PATCH.", "METHOD" },
-        { "data", "Request body, or @FILE for a file's contents.", "STRING|@FILE" },
-        { "form", "Add a form field (repeatable); the request is a multipart POST.", "NAME=VALUE" },
-        { "upload-file", "Upload a file as a multipart file part (POST).", "FILE" },
-        { "stream", "Stream the request body from standard input (POST)." },
-        { "header", "Add a request header (repeatable).", "'Name: value'" },
-        { "timeout", "Give up on a request after MS milliseconds.", "MS" },
-        { "max-size", "Fail a response whose body exceeds BYTES (default 65536).", "BYTES" },
-        { "max-redirs", "Follow at most N redirects; 0 follows none, -1 any number.", "N" },
-        { "post301", "Keep POST after a 301 redirect." },
-        { "post302", "Keep POST after a 302 redirect." },
-        { "post303", "Keep POST after a 303 redirect." },
-        { "compressed", "Accept every content encoding libcurl can decode (default)." },
-        { "no-compression", "Ask for uncompressed responses only." },
-        { "insecure", "Do not verify the server's TLS certificate." },
-        { "immediate", "Deliver and print response data as it arrives." },
-        { "cache-size", "Keep up to BYTES of GET responses in the client's cache.", "BYTES" },
-        { "repeat", "Fetch the URL list N times, one round after the other.", "N" },
-        { "parallel", "Keep at most N requests in flight.", "N" },
-        { "cancel-after", "Cancel a request still running MS milliseconds after it started.", "MS" },
-        { "push", "Print HTTP/2 server-pushed responses (needs --http2)." },
-        { "output", "Save each response body in DIR.", "DIR" },
-        { "json", "Print one JSON object per result." },
-        { "verbose", "Write the library's trace log to standard error." },
-    };
+public:
+    explicit ParsedArguments(const QStringList& arguments);
+
+    bool isSet(const QString& name) const;
+    QString value(const QString& name) const; // the last one given
+    QStringList values(const QString& name) const;
+    // Every -o and -O, in order, as (name, value).
+    QList<QPair<QString, QString>> inOrder(const QStringList& names) const;
+    const QStringList& positional() const { return urls; }
+
+private:
+    void parseLong(const QString& argument, const QStringList& arguments, int& index);
+    void parseShortGroup(const QString& argument, const QStringList& arguments, int& index);
+    static const OptionSpec& findLong(const QString& name);
+    static const OptionSpec& findShort(QChar name);
+
+    QList<QPair<QString, QString>> given;
+    QStringList urls;
+};
+
+ParsedArguments::ParsedArguments(const QStringList& arguments)
+{
+    bool optionsEnded = false;
+    for (int index = 0; index < arguments.size(); ++index) {
+        const QString& argument = arguments.at(index);
+        if (optionsEnded || argument == "-" || !argument.startsWith('-')) {
+            urls.append(argument);
+        } else if (argument == "--") {
+            optionsEnded = true;
+        } else if (argument.startsWith("--")) {
+            parseLong(argument, arguments, index);
+        } else {
+            parseShortGroup(argument, arguments, index);
+        }
+    }
+}
+
+const OptionSpec& ParsedArguments::findLong(const QString& name)
+{
+    for (const OptionSpec& option : optionTable()) {
+        if (option.longName == name) {
+            return option;
+        }
+    }
+    fail(QString("unknown option '--%1'").arg(name));
+}
+
+const OptionSpec& ParsedArguments::findShort(QChar name)
+{
+    for (const OptionSpec& option : optionTable()) {
+        if (option.shortName == name) {
+            return option;
+        }
+    }
+    fail(QString("unknown option '-%1'").arg(name));
+}
+
+void ParsedArguments::parseLong(const QString& argument, const QStringList& arguments, int& index)
+{
+    const int equals = argument.indexOf('=');
+    const OptionSpec& option = findLong(argument.mid(2, equals < 0 ? -1 : equals - 2));
+    if (equals >= 0) {
+        if (option.valueKind == ValueKind::None) {
+            fail(QString("--%1 takes no value").arg(option.longName));
+        }
+        given.append({ option.longName, argument.mid(equals + 1) });
+    } else if (option.valueKind == ValueKind::Required) {
+        if (index + 1 >= arguments.size()) {
+            fail(QString("--%1 needs a value (%2)").arg(option.longName, option.valueName));
+        }
+        given.append({ option.longName, arguments.at(++index) });
+    } else {
+        given.append({ option.longName, QString() });
+    }
+}
+
+// "-sSL" is three switches; "-oFILE" and "-o FILE" give -o its value.
+void ParsedArguments::parseShortGroup(const QString& argument, const QStringList& arguments, int& index)
+{
+    for (int position = 1; position < argument.size(); ++position) {
+        const OptionSpec& option = findShort(argument.at(position));
+        if (option.valueKind != ValueKind::Required) {
+            given.append({ option.longName, QString() });
+            continue;
+        }
+        if (position + 1 < argument.size()) {
+            given.append({ option.longName, argument.mid(position + 1) });
+        } else if (index + 1 < arguments.size()) {
+            given.append({ option.longName, arguments.at(++index) });
+        } else {
+            fail(QString("-%1 needs a value (%2)").arg(option.shortName).arg(option.valueName));
+        }
+        return;
+    }
+}
+
+bool ParsedArguments::isSet(const QString& name) const
+{
+    return std::any_of(given.cbegin(), given.cend(), [&](const auto& entry) { return entry.first == name; });
+}
+
+QString ParsedArguments::value(const QString& name) const
+{
+    const QStringList all = values(name);
+    return all.isEmpty() ? QString() : all.last();
+}
+
+QStringList ParsedArguments::values(const QString& name) const
+{
+    QStringList all;
+    for (const auto& entry : given) {
+        if (entry.first == name) {
+            all.append(entry.second);
+        }
+    }
+    return all;
+}
+
+QList<QPair<QString, QString>> ParsedArguments::inOrder(const QStringList& names) const
+{
+    QList<QPair<QString, QString>> found;
+    for (const auto& entry : given) {
+        if (names.contains(entry.first)) {
+            found.append(entry);
+        }
+    }
+    return found;
 }
 
 long long parseInteger(
-    const QCommandLineParser& parser, const QString& name, long long minimum, long long maximum)
+    const ParsedArguments& parsed, const QString& name, long long minimum, long long maximum)
 {
-    const QString text = parser.value(name);
+    const QString text = parsed.value(name);
     bool ok = false;
     const long long value = text.toLongLong(&ok);
     if (!ok || value < minimum || value > maximum) {
@@ -72,6 +171,19 @@ long long parseInteger(
     return value;
 }
 
+// Seconds with fractions, as curl takes them, in whole milliseconds (at least 1).
+int parseSecondsAsMs(const ParsedArguments& parsed, const QString& name)
+{
+    const QString text = parsed.value(name);
+    bool ok = false;
+    const double seconds = text.toDouble(&ok);
+    const double maxSeconds = std::numeric_limits<int>::max() / 1000.0;
+    if (!ok || !std::isfinite(seconds) || seconds <= 0 || seconds > maxSeconds) {
+        fail(QString("--%1 needs a number of seconds above 0 (such as 2.5), not '%2'").arg(name, text));
+    }
+    return std::max(1, static_cast<int>(std::ceil(seconds * 1000.0)));
+}
+
 QByteArray readWholeFile(const QString& path, const QString& option)
 {
     QFile file(path);
@@ -81,14 +193,10 @@ QByteArray readWholeFile(const QString& path, const QString& option)
     return file.readAll();
 }
 
-TrelUrl parseUrl(const QString& text)
+QByteArray readAll(std::istream& input)
 {
-    const QUrl url(text, QUrl::StrictMode);
-    const QString scheme = url.scheme().toLower();
-    if (!url.isValid() || (scheme != "http" && scheme != "https") || url.host().isEmpty()) {
-        fail(QString("invalid URL '%1': only absolute http:// and https:// URLs are fetched").arg(text));
-    }
-    return TrelUrl(text);
+    const std::string text { std::istreambuf_iterator<char>(input), std::istreambuf_iterator<char>() };
+    return QByteArray(text.data(), static_cast<int>(text.size()));
 }
 
 HttpClient::HttpMethod parseMethod(const QString& text)
@@ -109,7 +217,7 @@ HttpClient::HttpMethod parseMethod(const QString& text)
     fail(QString("unknown method '%1': use GET, HEAD, POST, PUT, DELETE or PATCH").arg(text));
 }
 
-HttpClientHeaders parseHeaders(const QStringList& lines)
+HttpClientHeaders parseHeaders(const QStringList& lines, const QString& userAgent)
 {
     // A field name is an HTTP token; the value may be empty.
     static const QRegularExpression field("^([!#$%&'*+.^_`|~0-9A-Za-z-]+):[ \\t]*(.*)$");
@@ -121,208 +229,219 @@ HttpClientHeaders parseHeaders(const QStringList& lines)
         }
         headers.insert(match.captured(1), match.captured(2).trimmed());
     }
+    if (!userAgent.isNull()) {
+        headers.insert("User-Agent", userAgent);
+    }
     return headers;
 }
 
-QList<QPair<QString, QString>> parseFormFields(const QStringList& fields)
+QByteArray dataArgument(const QString& text, std::istream& standardInput)
 {
-    QList<QPair<QString, QString>> parsed;
+    if (text == "@-") {
+        return readAll(standardInput);
+    }
+    return text.startsWith('@') ? readWholeFile(text.mid(1), "--data") : text.toUtf8();
+}
+
+void readForm(const QStringList& fields, FetchConfig& config)
+{
     for (const QString& field : fields) {
         const int equals = field.indexOf('=');
         if (equals <= 0) {
-            fail(QString("malformed form field '%1': expected NAME=VALUE").arg(field));
+            fail(QString("malformed form field '%1': expected NAME=VALUE or NAME=@FILE").arg(field));
         }
-        parsed.append({ field.left(equals), field.mid(equals + 1) });
+        const QString value = field.mid(equals + 1);
+        if (value.startsWith('@')) {
+            if (fields.size() != 1) {
+                fail("-F NAME=@FILE uploads one file and must be the only form field");
+            }
+            config.bodyKind = BodyKind::FormFile;
+            config.data = readWholeFile(value.mid(1), "--form");
+            return;
+        }
+        config.formFields.append({ field.left(equals), value });
     }
-    return parsed;
+    config.bodyKind = BodyKind::Form;
 }
 
-QStringList readUrlList(std::istream& input)
+void readBody(const ParsedArguments& parsed, std::istream& standardInput, FetchConfig& config)
 {
-    QStringList urls;
-    std::string line;
-    while (std::getline(input, line)) {
-        const QString url = QString::fromStdString(line).trimmed();
-        if (!url.isEmpty() && !url.startsWith('#')) {
-            urls.append(url);
-        }
-    }
-    return urls;
-}
-
-void readBody(const QCommandLineParser& parser, FetchConfig& config)
-{
-    const int sources = int(parser.isSet("data")) + int(parser.isSet("form"))
-        + int(parser.isSet("upload-file")) + int(parser.isSet("stream"));
+    const int sources = int(parsed.isSet("data")) + int(parsed.isSet("form"))
+        + int(parsed.isSet("upload-file")) + int(parsed.isSet("stream"));
     if (sources > 1) {
-        fail("--data, --form, --upload-file and --stream are different ways to give one body: choose one");
+        fail("-d, -F, -T and --stream are different ways to give one body: choose one");
     }
-    if (parser.isSet("data")) {
-        const QString data = parser.value("data");
+    if (parsed.isSet("data")) {
         config.bodyKind = BodyKind::Data;
-        config.data = data.startsWith('@') ? readWholeFile(data.mid(1), "--data") : data.toUtf8();
-    } else if (parser.isSet("form")) {
-        config.bodyKind = BodyKind::Form;
-        config.formFields = parseFormFields(parser.values("form"));
-    } else if (parser.isSet("upload-file")) {
-        config.bodyKind = BodyKind::File;
-        config.data = readWholeFile(parser.value("upload-file"), "--upload-file");
-    } else if (parser.isSet("stream")) {
+        QByteArrayList parts;
+        for (const QString& text : parsed.values("data")) {
+            parts.append(dataArgument(text, standardInput));
+        }
+        config.data = parts.join('&');
+    } else if (parsed.isSet("upload-file")) {
+        config.bodyKind = BodyKind::Data;
+        config.data = readWholeFile(parsed.value("upload-file"), "--upload-file");
+    } else if (parsed.isSet("form")) {
+        readForm(parsed.values("form"), config);
+    } else if (parsed.isSet("stream")) {
         config.bodyKind = BodyKind::Stream;
     }
 }
 
-void readMethod(const QCommandLineParser& parser, FetchConfig& config)
+// As with curl: -d means POST, -T means PUT, -X overrides either.
+void readMethod(const ParsedArguments& parsed, FetchConfig& config)
 {
-    const bool hasBody = config.bodyKind != BodyKind::None;
-    config.method = parser.isSet("method") ? parseMethod(parser.value("method"))
-                                           : (hasBody ? HttpClient::Post : HttpClient::Get);
+    const HttpClient::HttpMethod implied = parsed.isSet("upload-file") ? HttpClient::Put
+        : config.bodyKind != BodyKind::None                            ? HttpClient::Post
+                                                                       : HttpClient::Get;
+    config.method = parsed.isSet("request") ? parseMethod(parsed.value("request")) : implied;
     const bool readOnly = config.method == HttpClient::Get || config.method == HttpClient::Head;
     if (config.bodyKind == BodyKind::Data && readOnly) {
-        fail("--data needs --method POST, PUT, DELETE or PATCH");
+        fail("-d and -T need a method that sends a body: POST, PUT, DELETE or PATCH");
     }
-    if ((config.bodyKind == BodyKind::Form || config.bodyKind == BodyKind::File
-            || config.bodyKind == BodyKind::Stream)
+    if (config.bodyKind != BodyKind::None && config.bodyKind != BodyKind::Data
         && config.method != HttpClient::Post) {
-        fail("--form, --upload-file and --stream send POST requests only");
+        fail("-F and --stream send POST requests only");
     }
 }
 
-void readRequestOptions(const QCommandLineParser& parser, FetchConfig& config)
+void readRequestOptions(const ParsedArguments& parsed, FetchConfig& config)
 {
-    const long long intMax = std::numeric_limits<int>::max();
     HttpClientOptions& options = config.options;
-    options.setHeaders(parseHeaders(parser.values("header")));
-    if (parser.isSet("timeout")) {
-        options.setTimeoutMs(static_cast<int>(parseInteger(parser, "timeout", 1, intMax)));
+    options.setHeaders(parseHeaders(
+        parsed.values("header"), parsed.isSet("user-agent") ? parsed.value("user-agent") : QString()));
+    if (parsed.isSet("max-time")) {
+        options.setTimeoutMs(parseSecondsAsMs(parsed, "max-time"));
     }
-    if (parser.isSet("max-size")) {
-        options.setReadSizeLimit(static_cast<int>(parseInteger(parser, "max-size", 0, intMax)));
+    if (parsed.isSet("connect-timeout")) {
+        config.connectTimeoutMs = parseSecondsAsMs(parsed, "connect-timeout");
     }
-    if (parser.isSet("max-redirs")) {
-        options.setMaxRedirects(static_cast<int>(parseInteger(parser, "max-redirs", -1, intMax)));
+    if (parsed.isSet("max-filesize")) {
+        config.maxFilesize
+            = parseInteger(parsed, "max-filesize", 0, std::numeric_limits<std::int64_t>::max());
     }
+    // Like curl, redirects are followed only with -L, then up to 50 by default.
+    const int maxRedirects = parsed.isSet("max-redirs")
+        ? static_cast<int>(parseInteger(parsed, "max-redirs", -1, std::numeric_limits<int>::max()))
+        : 50;
+    options.setMaxRedirects(parsed.isSet("location") ? maxRedirects : 0);
     QSet<HttpClientOptions::HttpPostRedirFlags> postRedirects;
-    if (parser.isSet("post301")) {
-        postRedirects.insert(HttpClientOptions::PostRedir301);
-    }
-    if (parser.isSet("post302")) {
-        postRedirects.insert(HttpClientOptions::PostRedir302);
-    }
-    if (parser.isSet("post303")) {
-        postRedirects.insert(HttpClientOptions::PostRedir303);
+    const QList<QPair<QString, HttpClientOptions::HttpPostRedirFlags>> flags
+        = { { "post301", HttpClientOptions::PostRedir301 }, { "post302", HttpClientOptions::PostRedir302 },
+              { "post303", HttpClientOptions::PostRedir303 } };
+    for (const auto& [name, flag] : flags) {
+        if (parsed.isSet(name)) {
+            postRedirects.insert(flag);
+        }
     }
     options.setPostRedirectFlags(postRedirects);
-    if (parser.isSet("compressed") && parser.isSet("no-compression")) {
-        fail("--compressed and --no-compression contradict each other");
-    }
-    options.disableCompression(parser.isSet("no-compression"));
-    options.setVerifyPeer(!parser.isSet("insecure"));
-    options.setImmediateRead(parser.isSet("immediate"));
+    options.disableCompression(!parsed.isSet("compressed")); // curl asks for no encoding by default
+    options.setVerifyPeer(!parsed.isSet("insecure"));
 }
 
-void readRunOptions(const QCommandLineParser& parser, FetchConfig& config)
+void readOutputOptions(const ParsedArguments& parsed, FetchConfig& config)
+{
+    for (const auto& [name, value] : parsed.inOrder({ "output", "remote-name" })) {
+        config.outputs.append({ name == "remote-name", value });
+    }
+    config.remoteNameAll = parsed.isSet("remote-name-all");
+    config.outputDir = parsed.value("output-dir");
+    config.createDirs = parsed.isSet("create-dirs");
+    config.clobber = parsed.isSet("clobber");
+    config.saveErrors = parsed.isSet("save-errors");
+    if (parsed.isSet("report") || parsed.isSet("report-file")) {
+        const QString format = parsed.value("report");
+        if (format != "" && format != "text" && format != "json") {
+            fail(QString("--report takes text or json, not '%1'").arg(format));
+        }
+        config.report = format == "json" ? ReportFormat::Json : ReportFormat::Text;
+        config.reportFile = parsed.value("report-file");
+    }
+}
+
+void readRunOptions(const ParsedArguments& parsed, FetchConfig& config)
 {
     const long long intMax = std::numeric_limits<int>::max();
-    config.version = parser.isSet("http2") ? HttpClient::Http2 : HttpClient::Http1;
-    config.outputDir = parser.value("output");
-    if (parser.isSet("cache-size")) {
-        config.cacheSize = static_cast<std::size_t>(parseInteger(parser, "cache-size", 0, intMax));
+    config.version = parsed.isSet("http2") ? HttpClient::Http2 : HttpClient::Http1;
+    config.silent = parsed.isSet("silent");
+    config.showError = parsed.isSet("show-error");
+    config.failOnHttpError = parsed.isSet("fail");
+    config.verbose = parsed.isSet("verbose");
+    config.traceLibrary = parsed.isSet("trace-library");
+    config.parallel = parsed.isSet("parallel");
+    if (parsed.isSet("parallel-max")) {
+        config.parallelMax = static_cast<int>(parseInteger(parsed, "parallel-max", 1, intMax));
     }
-    if (parser.isSet("repeat")) {
-        config.repeat = static_cast<int>(parseInteger(parser, "repeat", 1, 1000000));
+    if (parsed.isSet("cache-size")) {
+        config.cacheSize = static_cast<std::size_t>(parseInteger(parsed, "cache-size", 0, intMax));
     }
-    if (parser.isSet("parallel")) {
-        config.parallel = static_cast<int>(parseInteger(parser, "parallel", 1, intMax));
+    if (parsed.isSet("repeat")) {
+        config.repeat = static_cast<int>(parseInteger(parsed, "repeat", 1, 1000000));
     }
-    if (parser.isSet("cancel-after")) {
-        config.cancelAfterMs = static_cast<int>(parseInteger(parser, "cancel-after", 1, intMax));
+    if (parsed.isSet("cancel-after")) {
+        config.cancelAfterMs = static_cast<int>(parseInteger(parsed, "cancel-after", 1, intMax));
     }
-    config.printImmediate = parser.isSet("immediate");
-    config.printPushes = parser.isSet("push");
-    config.json = parser.isSet("json");
-    config.verbose = parser.isSet("verbose");
-    if (config.printPushes && config.version != HttpClient::Http2) {
+    config.push = parsed.isSet("push");
+    if (config.push && config.version != HttpClient::Http2) {
         fail("--push needs --http2: only HTTP/2 servers push");
     }
 }
 
-void readUrls(const QCommandLineParser& parser, std::istream& standardInput, FetchConfig& config)
+void readUrls(const ParsedArguments& parsed, FetchConfig& config)
 {
-    QStringList texts = parser.positionalArguments();
-    if (texts.isEmpty()) {
-        fail("no URL given (use - to read URLs from standard input)");
+    config.urls = parsed.positional();
+    config.urlFile = parsed.value("url-file");
+    if (config.urls.isEmpty() && config.urlFile.isEmpty()) {
+        fail("no URL given (use - or --url-file FILE to read URLs from a list)");
     }
-    if (texts.contains("-")) {
-        if (texts.size() != 1) {
-            fail("- reads the URL list from standard input and must be the only URL");
-        }
-        if (config.bodyKind == BodyKind::Stream) {
-            fail("--stream reads the body from standard input, so URLs cannot come from there too");
-        }
-        texts = readUrlList(standardInput);
-        if (texts.isEmpty()) {
-            fail("no URL on standard input");
-        }
+    const int standardInputUses = static_cast<int>(config.urls.count("-")) + (config.urlFile == "-" ? 1 : 0);
+    if (standardInputUses > 1) {
+        fail("standard input holds one URL list: give - or --url-file - once");
     }
-    if (config.bodyKind == BodyKind::Stream && (texts.size() != 1 || config.repeat != 1)) {
+    if (standardInputUses == 1
+        && (config.bodyKind == BodyKind::Stream || parsed.values("data").contains("@-"))) {
+        fail("standard input cannot hold both the URL list and the request body");
+    }
+    if (config.bodyKind == BodyKind::Stream
+        && (config.urls.size() != 1 || !config.urlFile.isEmpty() || config.repeat != 1)) {
         fail("--stream sends standard input once: give exactly one URL and no --repeat");
     }
-    for (const QString& text : texts) {
-        config.urls.append(parseUrl(text));
+    if (config.outputs.size() > config.urls.size()) {
+        fail("more -o/-O than URLs: each -o or -O names the output of one URL, in order");
     }
 }
 
-void describeCommandLine(QCommandLineParser& parser)
+ParseOutcome parse(const QStringList& arguments, std::istream& standardInput)
 {
-    parser.setSingleDashWordOptionMode(QCommandLineParser::ParseAsLongOptions);
-    parser.addOptions(optionTable());
-    parser.addPositionalArgument(
-        "URL", "http:// or https:// URL to fetch; - alone reads URLs from standard input.", "URL...");
+    const ParsedArguments parsed(arguments);
+    if (parsed.isSet("help")) {
+        return { Action::Help, std::nullopt, {} };
+    }
+    if (parsed.isSet("version")) {
+        return { Action::Version, std::nullopt, {} };
+    }
+    if (parsed.isSet("man")) {
+        return { Action::Manual, std::nullopt, {} };
+    }
+    FetchConfig config;
+    readRunOptions(parsed, config);
+    readOutputOptions(parsed, config);
+    readRequestOptions(parsed, config);
+    readBody(parsed, standardInput, config);
+    readMethod(parsed, config);
+    readUrls(parsed, config);
+    return { Action::Run, std::move(config), {} };
 }
 
 } // namespace
 
 ParseOutcome parseCommandLine(const QStringList& arguments, std::istream& standardInput)
 {
-    QCommandLineParser parser;
-    describeCommandLine(parser);
-    ParseOutcome outcome;
-    if (!parser.parse(QStringList { "trel-fetch" } + arguments)) {
-        outcome.error = parser.errorText();
-        return outcome;
-    }
-    if (parser.isSet("help")) {
-        outcome.help = true;
-        return outcome;
-    }
     try {
-        FetchConfig config;
-        readBody(parser, config);
-        readMethod(parser, config);
-        readRequestOptions(parser, config);
-        readRunOptions(parser, config);
-        readUrls(parser, standardInput, config);
-        outcome.config = std::move(config);
+        return parse(arguments, standardInput);
     } catch (const UsageError& error) {
-        outcome.error = error.message;
+        return { Action::UsageError, std::nullopt, error.message };
     }
-    return outcome;
-}
-
-QString usage()
-{
-    QCommandLineParser parser;
-    parser.setApplicationDescription(
-        "Fetches every URL concurrently on one HttpClient and prints one line per result:\n"
-        "status, HTTP code, body bytes, elapsed milliseconds, effective URL.\n"
-        "Exit status: 0 when every request ended OK below 400, 2 on bad usage,\n"
-        "otherwise the number of failed requests (at most 100).");
-    describeCommandLine(parser);
-    // The usage line names the program as it was started; show its plain name.
-    QString text = parser.helpText();
-    const QString started = QCoreApplication::arguments().value(0);
-    return started.isEmpty() ? text : text.replace(started, "trel-fetch");
 }
 
 } // namespace trelfetch

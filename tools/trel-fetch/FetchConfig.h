@@ -1,8 +1,8 @@
 #pragma once
 
 // What one run of trel-fetch does, as read from its command line. Parsing never
-// exits or prints: it returns either a complete configuration or one message
-// that main prints before exiting with status 2.
+// exits or prints: it returns either a complete configuration, an action such
+// as --help, or one message that main prints before exiting with status 2.
 
 #include <trel/HttpClient.h>
 
@@ -13,6 +13,7 @@
 #include <QStringList>
 
 #include <cstddef>
+#include <cstdint>
 #include <istream>
 #include <optional>
 
@@ -22,43 +23,81 @@ namespace trelfetch {
 enum class BodyKind
 {
     None,
-    Data, // --data: bytes sent with the chosen method
-    Form, // --form: a multipart form (POST)
-    File, // --upload-file: the file's bytes as a multipart file part (POST)
+    Data, // -d or -T: bytes sent with the chosen method
+    Form, // -F NAME=VALUE: a multipart form (POST)
+    FormFile, // -F NAME=@FILE: the library's file upload (POST)
     Stream, // --stream: standard input fed through a queue (POST)
+};
+
+enum class ReportFormat
+{
+    None,
+    Text,
+    Json,
+};
+
+// Where the body of one URL given on the command line goes.
+struct OutputTarget
+{
+    bool remoteName = false; // -O: the last segment of the URL's path
+    QString path; // -o FILE
 };
 
 struct FetchConfig
 {
-    QList<TrelUrl> urls;
+    QStringList urls; // command-line URLs in order; "-" marks where standard input's list goes
+    QString urlFile; // --url-file; "-" is standard input
+    QList<OutputTarget> outputs; // the n-th one belongs to the n-th command-line URL
+    bool remoteNameAll = false;
+    QString outputDir;
+    bool createDirs = false;
+    bool clobber = false;
+    bool saveErrors = false;
+    std::int64_t maxFilesize = -1; // -1: no limit
+    ReportFormat report = ReportFormat::None;
+    QString reportFile; // empty: standard error
+
     HttpClient::HttpVersion version = HttpClient::Http1;
     HttpClient::HttpMethod method = HttpClient::Get;
     BodyKind bodyKind = BodyKind::None;
-    QByteArray data; // --data or the --upload-file contents
-    QList<QPair<QString, QString>> formFields; // --form
+    QByteArray data; // -d, -T, or the file of -F NAME=@FILE
+    QList<QPair<QString, QString>> formFields; // -F
     HttpClientOptions options; // everything that maps onto one request's options
-    QString outputDir; // empty: bodies are not saved
+    int connectTimeoutMs = 0; // 0: none
+
+    bool silent = false;
+    bool showError = false;
+    bool failOnHttpError = false;
+    bool verbose = false;
+    bool traceLibrary = false;
+    bool parallel = false;
+    int parallelMax = 50;
     std::size_t cacheSize = 0;
     int repeat = 1;
-    int parallel = 0; // 0: every request at once
     int cancelAfterMs = 0; // 0: never cancel
-    bool printImmediate = false;
-    bool printPushes = false;
-    bool json = false;
-    bool verbose = false;
+    bool push = false;
+
+    bool readsStandardInputList() const { return urls.contains("-") || urlFile == "-"; }
+    bool showsErrors() const { return !silent || showError; }
+};
+
+enum class Action
+{
+    Run,
+    Help,
+    Version,
+    Manual,
+    UsageError,
 };
 
 struct ParseOutcome
 {
-    std::optional<FetchConfig> config;
-    QString error; // set when config is empty and the run must stop with status 2
-    bool help = false; // --help: print usage() and exit 0
+    Action action = Action::UsageError;
+    std::optional<FetchConfig> config; // set for Action::Run
+    QString error; // set for Action::UsageError
 };
 
-// `arguments` excludes the program name. `standardInput` supplies the URL list
-// when "-" is the only URL.
+// `arguments` excludes the program name. `standardInput` supplies the body of -d @-.
 ParseOutcome parseCommandLine(const QStringList& arguments, std::istream& standardInput);
-
-QString usage();
 
 } // namespace trelfetch

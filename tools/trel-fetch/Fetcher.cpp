@@ -1,12 +1,9 @@
 #include "Fetcher.h"
 
 #include <QDir>
-#include <QRegularExpression>
+#include <QFileInfo>
 #include <QUrl>
 
-#include <cstdio>
-
-#include <algorithm>
 #include <limits>
 
 namespace trelfetch {
@@ -16,63 +13,79 @@ constexpr int kProgressIntervalMs = 500;
 // Pushed streams may finish after the response that triggered them; once every
 // requested result is in, the run ends after this long without a new push.
 constexpr int kPushQuietMs = 300;
-constexpr int kMaxExitCode = 100;
 
 const char* const kEffectiveUrlHeader = "X-TrelEfectiveUrl";
 
-bool succeeded(const HttpClientResult& result)
+const char* methodName(HttpClient::HttpMethod method)
 {
-    return result.status == HttpClientStatus::OK && result.code >= 0 && result.code < 400;
+    switch (method) {
+    case HttpClient::Get:
+        return "GET";
+    case HttpClient::Head:
+        return "HEAD";
+    case HttpClient::Post:
+        return "POST";
+    case HttpClient::Put:
+        return "PUT";
+    case HttpClient::Delete:
+        return "DELETE";
+    case HttpClient::Patch:
+        return "PATCH";
+    }
+    return "GET";
 }
 
-// The last path segment, reduced to characters that are safe in a file name.
-QString fileNameFor(const QString& url)
+bool parseUrl(const QString& text, TrelUrl& url, QString& error)
 {
-    static const QRegularExpression unsafe("[^A-Za-z0-9._-]");
-    QString name = QUrl(url).fileName();
-    name.replace(unsafe, "_");
-    return name.isEmpty() || name == "." || name == ".." ? QString("index") : name;
+    const QUrl parsed(text, QUrl::StrictMode);
+    const QString scheme = parsed.scheme().toLower();
+    if (!parsed.isValid() || (scheme != "http" && scheme != "https") || parsed.host().isEmpty()) {
+        error = QString("malformed URL '%1': only absolute http:// and https:// URLs are fetched").arg(text);
+        return false;
+    }
+    url = TrelUrl(text);
+    return true;
 }
 
-// Each URL's body is saved under its last path segment, prefixed with the URL's
-// position in the list when two URLs would otherwise share a file.
-QStringList outputNames(const QList<TrelUrl>& urls)
+QString effectiveUrl(const HttpClientResult& result)
 {
-    QStringList names;
-    QHash<QString, int> uses;
-    for (const TrelUrl& url : urls) {
-        names.append(fileNameFor(url.toString()));
-        ++uses[names.last()];
-    }
-    for (int index = 0; index < names.size(); ++index) {
-        if (uses.value(names.at(index)) > 1) {
-            names[index] = QString("%1-%2").arg(index + 1).arg(names.at(index));
-        }
-    }
-    return names;
+    return result.headers.value(kEffectiveUrlHeader, QString::fromUtf8(result.url.toEncoded()));
+}
+
+std::int64_t contentLength(const HttpClientHeaders& headers)
+{
+    bool ok = false;
+    const std::int64_t length = headers.value("Content-Length", QString()).toLongLong(&ok);
+    return ok && length >= 0 ? length : -1;
+}
+
+Outcome tooLarge(std::int64_t limit)
+{
+    return { exitcode::kFileTooLarge,
+        QString("Maximum file size exceeded: the body is larger than --max-filesize %1 bytes").arg(limit) };
 }
 
 } // namespace
 
-Fetcher::Fetcher(const FetchConfig& config, ResultPrinter& printer, QObject* parent)
+Fetcher::Fetcher(const FetchConfig& config, Reporter& reporter, QObject* parent)
     : QObject(parent)
     , config(config)
-    , printer(printer)
+    , reporter(reporter)
     , streamer(config.bodyKind == BodyKind::Stream ? std::make_unique<StdinStreamer>() : nullptr)
     , client(nullptr, config.version)
-    , outputNames(trelfetch::outputNames(config.urls))
 {
     client.setCacheSize(config.cacheSize);
-    if (config.printPushes) {
+    if (config.push) {
         HttpClientOptions pushOptions = config.options;
-        pushOptions.setImmediateRead(false); // a pushed response is printed whole
+        pushOptions.setImmediateRead(false); // a pushed response is reported whole
+        pushOptions.setReadSizeLimit(-1);
         client.setPushProperties(this, "onPushed", pushOptions);
     }
     progressTimer.setInterval(kProgressIntervalMs);
     connect(&progressTimer, &QTimer::timeout, this, &Fetcher::showProgress);
     pushQuietTimer.setSingleShot(true);
     pushQuietTimer.setInterval(kPushQuietMs);
-    connect(&pushQuietTimer, &QTimer::timeout, this, &Fetcher::finishNow);
+    connect(&pushQuietTimer, &QTimer::timeout, this, [this] { finish(false); });
 }
 
 Fetcher::~Fetcher() = default;
@@ -81,64 +94,176 @@ void Fetcher::start()
 {
     wallClock.start();
     progressTimer.start();
-    startRound();
+    int outputIndex = 0;
+    for (const QString& text : config.urls) {
+        if (text != "-") {
+            const auto output = outputIndex < config.outputs.size()
+                ? std::optional<OutputTarget>(config.outputs.at(outputIndex))
+                : std::nullopt;
+            ++outputIndex;
+            addJob(text, output);
+        }
+    }
+    startListReader();
+    finishIfDone();
 }
 
-int Fetcher::exitCode() const
+void Fetcher::startListReader()
 {
-    return std::min(totals.failures, kMaxExitCode);
+    const QString source = config.urls.contains("-") ? QString("-") : config.urlFile;
+    if (source.isEmpty()) {
+        return;
+    }
+    int fd = 0;
+    if (source != "-") {
+        listFile = std::make_unique<QFile>(source);
+        if (!listFile->open(QIODevice::ReadOnly)) {
+            reporter.message(
+                QString("cannot read the URL list '%1': %2").arg(source, listFile->errorString()));
+            firstFailure = { { 0, -1 }, exitcode::kUsage };
+            return;
+        }
+        fd = listFile->handle();
+    }
+    listOpen = true;
+    listReader = std::make_unique<LineReader>(
+        fd, this, [this](const QString& line) { onListLine(line); },
+        [this](const QString& error) { onListEnd(error); });
 }
 
-void Fetcher::startRound()
+void Fetcher::addJob(const QString& text, std::optional<OutputTarget> output)
 {
-    ++round;
-    nextIndex = 0;
-    completedInRound = 0;
-    launchMore();
+    jobs.append({ text, std::move(output) });
+    if (round == 1) {
+        launchMore();
+    }
+}
+
+// Blank lines and # comments are skipped; every other line is one URL, even a bad one.
+void Fetcher::onListLine(const QString& line)
+{
+    const QString text = line.trimmed();
+    if (!finishing && !text.isEmpty() && !text.startsWith('#')) {
+        addJob(text, std::nullopt);
+    }
+}
+
+void Fetcher::onListEnd(const QString& error)
+{
+    if (!error.isEmpty()) {
+        reporter.message(error);
+    }
+    listOpen = false;
+    finishIfDone();
 }
 
 void Fetcher::launchMore()
 {
-    const std::size_t limit = config.parallel > 0 ? static_cast<std::size_t>(config.parallel)
-                                                  : std::numeric_limits<std::size_t>::max();
-    while (running.size() < limit && nextIndex < config.urls.size()) {
-        launch(nextIndex++);
+    const std::size_t limit = config.parallel ? static_cast<std::size_t>(config.parallelMax) : 1;
+    while (!finishing && transfers.size() < limit && nextJob < jobs.size()) {
+        launch(nextJob++);
     }
 }
 
-void Fetcher::launch(int index)
+void Fetcher::launch(int jobIndex)
 {
+    const Job& job = jobs.at(jobIndex);
     const int token = nextToken++;
-    Running& request = running[token];
-    request.index = index;
-    request.clock.start();
-    request.id = send(
-        config.urls.at(index), [this, token](const HttpClientResult& result) { onResult(token, result); });
-    if (!request.id) {
-        if (config.method == HttpClient::Get && config.bodyKind == BodyKind::None) {
-            request.cached = true; // a GET answered without a transfer comes from the cache
-            return;
-        }
-        // The client refused the request and sends no result: report it from the
-        // event loop, as the client would have.
-        const HttpClientResult refused { config.urls.at(index), HttpClientStatus::Error, -1, {}, {} };
-        QMetaObject::invokeMethod(
-            this, [this, token, refused] { completeRequest(token, refused); }, Qt::QueuedConnection);
+    Transfer& transfer = transfers[token];
+    transfer.job = jobIndex;
+    transfer.round = round;
+    transfer.url = job.text;
+    transfer.clock.start();
+
+    TrelUrl url;
+    QString error;
+    if (!parseUrl(job.text, url, error)) {
+        failLater(token, { exitcode::kMalformedUrl, error });
         return;
     }
-    tokensById.insert(request.id, token); // ids are never issued twice
-    if (config.cancelAfterMs > 0) {
-        QTimer::singleShot(config.cancelAfterMs, this, [this, token] { cancelIfRunning(token); });
+    Outcome failure;
+    transfer.sink = sinkFor(job, failure);
+    if (failure.failed()) {
+        failLater(token, failure);
+        return;
     }
+    if (config.verbose) {
+        reporter.requestHeaders(
+            methodName(config.method), url, config.options.headers(), config.version == HttpClient::Http2);
+    }
+    transfer.id = send(url, [this, token](const HttpClientResult& result) { onResult(token, result); });
+    if (!transfer.id) {
+        if (config.method == HttpClient::Get && config.cacheSize > 0) {
+            transfer.cached = true; // a GET answered without a transfer comes from the cache
+            return;
+        }
+        failLater(token, { exitcode::kOther, "the library refused the request" });
+        return;
+    }
+    if (config.cancelAfterMs > 0) {
+        QTimer::singleShot(config.cancelAfterMs, this, [this, token] {
+            const auto found = transfers.find(token);
+            if (found != transfers.end() && client.cancel(found->second.id)) {
+                found->second.cancelled = true;
+            }
+        });
+    }
+    if (config.connectTimeoutMs > 0) {
+        QTimer::singleShot(config.connectTimeoutMs, this, [this, token] {
+            const auto found = transfers.find(token);
+            // Anything from the server (header lines included) shows the connection stands.
+            if (found != transfers.end() && found->second.firstByteMs < 0 && found->second.id) {
+                abort(found->second,
+                    { exitcode::kTimeout,
+                        QString("Connection timed out after %1 milliseconds").arg(config.connectTimeoutMs) });
+            }
+        });
+    }
+}
+
+// Standard output unless an output file was asked for; a file that exists
+// fails the request before it starts, unless --clobber.
+std::unique_ptr<BodySink> Fetcher::sinkFor(const Job& job, Outcome& failure) const
+{
+    std::optional<OutputTarget> target = job.output;
+    if (!target && config.remoteNameAll) {
+        target = OutputTarget { true, {} };
+    }
+    if (!target || target->path == "-") { // as with curl, -o - is standard output
+        return std::make_unique<StreamSink>(stdout);
+    }
+    QString name = target->path;
+    if (target->remoteName) {
+        name = QUrl(job.text).fileName();
+        if (name.isEmpty() || name == "." || name == "..") {
+            failure = { exitcode::kWrite, QString("no file name in URL '%1' for -O").arg(job.text) };
+            return nullptr;
+        }
+    }
+    const QString path = config.outputDir.isEmpty() || QFileInfo(name).isAbsolute()
+        ? name
+        : QDir(config.outputDir).filePath(name);
+    if (!config.clobber && QFileInfo::exists(path)) {
+        failure = { exitcode::kWrite, QString("'%1' exists: not overwritten without --clobber").arg(path) };
+        return nullptr;
+    }
+    return std::make_unique<FileSink>(path, config.clobber, config.createDirs);
 }
 
 void* Fetcher::send(const TrelUrl& url, HttpClient::Callback callback)
 {
-    const HttpClientOptions& options = config.options;
+    HttpClientOptions options = config.options;
+    // Bodies are written as they arrive; only the cache needs them whole.
+    const bool whole = config.cacheSize > 0;
+    options.setImmediateRead(!whole);
+    const int intMax = std::numeric_limits<int>::max();
+    options.setReadSizeLimit(whole && config.maxFilesize >= 0
+            ? static_cast<int>(std::min<std::int64_t>(config.maxFilesize, intMax))
+            : -1);
     switch (config.bodyKind) {
     case BodyKind::Form:
         return client.postForm(url, config.formFields, options, std::move(callback));
-    case BodyKind::File:
+    case BodyKind::FormFile:
         return client.postFile(url, config.data, options, std::move(callback));
     case BodyKind::Stream:
         return client.postStream(url, streamer->queue(), options, std::move(callback));
@@ -163,149 +288,299 @@ void* Fetcher::send(const TrelUrl& url, HttpClient::Callback callback)
     return nullptr;
 }
 
+// A request that never reached the library still gets its result from the
+// event loop, in turn with the others.
+void Fetcher::failLater(int token, const Outcome& failure)
+{
+    transfers.at(token).localFailure = failure;
+    QMetaObject::invokeMethod(
+        this,
+        [this, token] {
+            const auto found = transfers.find(token);
+            if (found != transfers.end()) {
+                HttpClientResult result;
+                result.code = 0;
+                complete(token, result);
+            }
+        },
+        Qt::QueuedConnection);
+}
+
 // Runs on the client's thread for every delivery of a request.
 void Fetcher::onResult(int token, const HttpClientResult& result)
 {
+    const auto found = transfers.find(token);
+    if (found == transfers.end()) {
+        return;
+    }
     if (result.status != HttpClientStatus::ImmediateRead) {
-        completeRequest(token, result);
+        complete(token, result);
         return;
     }
-    const auto found = running.find(token);
-    if (found == running.end()) {
+    receive(found->second, result);
+}
+
+// Writes what arrived straight to the body's destination.
+void Fetcher::receive(Transfer& transfer, const HttpClientResult& result)
+{
+    if (transfer.localFailure) {
+        return; // being cancelled: what still arrives goes nowhere
+    }
+    if (transfer.firstByteMs < 0) {
+        transfer.firstByteMs = transfer.clock.elapsed();
+    }
+    mergeHeaders(transfer, result);
+    if (result.body.isEmpty()) {
         return;
     }
-    Running& request = found->second;
-    request.bytes += result.body.size();
-    const QString savedTo = save(request, outputNames.at(request.index), result.body);
-    if (config.printImmediate) {
-        Delivery delivery;
-        delivery.kind = DeliveryKind::Immediate;
-        delivery.url = result.url;
-        delivery.effectiveUrl = effectiveUrl(result);
-        delivery.status = result.status;
-        delivery.code = result.code;
-        delivery.bytes = result.body.size();
-        delivery.elapsedMs = request.clock.elapsed();
-        delivery.round = round;
-        delivery.savedTo = savedTo;
-        printer.print(delivery);
+    noteResponse(transfer);
+    if (transfer.localFailure) {
+        return;
+    }
+    transfer.received += result.body.size();
+    bytesEver += result.body.size();
+    if (config.maxFilesize >= 0 && transfer.received > config.maxFilesize) {
+        abort(transfer, tooLarge(config.maxFilesize));
+        return;
+    }
+    if (transfer.sink && !transfer.dropBody && !transfer.sink->write(result.body)) {
+        abort(transfer, { exitcode::kWrite, transfer.sink->error() });
     }
 }
 
-void Fetcher::cancelIfRunning(int token)
+// Header lines come in pieces over several deliveries. A new response code
+// means a new response (after a redirect), whose fields start afresh.
+void Fetcher::mergeHeaders(Transfer& transfer, const HttpClientResult& result)
 {
-    const auto found = running.find(token);
-    if (found != running.end() && found->second.id && client.cancel(found->second.id)) {
-        found->second.cancelled = true;
+    if (result.code > 0 && result.code != transfer.code) {
+        transfer.code = result.code;
+        transfer.headers = HttpClientHeaders();
+    }
+    const QHash<QString, QString> arrived = result.headers.headers();
+    for (auto it = arrived.cbegin(); it != arrived.cend(); ++it) {
+        transfer.headers.insert(it.key(), it.value());
     }
 }
 
-void Fetcher::completeRequest(int token, const HttpClientResult& result)
+// The first body bytes tell which response the body belongs to, after any
+// redirects: its code, headers and announced size.
+void Fetcher::noteResponse(Transfer& transfer)
 {
-    const auto found = running.find(token);
-    if (found == running.end()) {
+    if (transfer.responseSeen) {
         return;
     }
-    Running request = std::move(found->second);
-    running.erase(found);
-    if (request.id && tokensById.value(request.id, -1) == token) {
-        tokensById.remove(request.id);
+    transfer.responseSeen = true;
+    transfer.expected = contentLength(transfer.headers);
+    // -f writes no error body, except into a file that --save-errors keeps.
+    const bool savedAnyway = config.saveErrors && transfer.sink && !transfer.sink->path().isEmpty();
+    transfer.dropBody = config.failOnHttpError && transfer.code >= 400 && !savedAnyway;
+    if (config.verbose && transfer.code > 0) {
+        reporter.responseHeaders(transfer.code, transfer.headers, config.version == HttpClient::Http2);
     }
+    if (config.maxFilesize >= 0 && transfer.expected > config.maxFilesize) {
+        abort(transfer, tooLarge(config.maxFilesize));
+    }
+}
 
-    request.bytes += result.body.size();
-    Delivery delivery;
-    delivery.url = result.url;
-    delivery.effectiveUrl = effectiveUrl(result);
-    delivery.status = result.status;
-    delivery.code = result.code;
-    delivery.bytes = request.bytes;
-    delivery.elapsedMs = request.clock.elapsed();
-    delivery.round = round;
-    delivery.cached = request.cached;
-    delivery.cancelled = request.cancelled;
-    delivery.savedTo = save(request, outputNames.at(request.index), result.body);
-    const bool saveFailed = !config.outputDir.isEmpty() && delivery.savedTo.isEmpty();
+// Stops a transfer for a reason of the tool's own; its final result follows.
+void Fetcher::abort(Transfer& transfer, const Outcome& failure)
+{
+    transfer.localFailure = failure;
+    if (transfer.sink) {
+        transfer.sink->discard();
+    }
+    client.cancel(transfer.id);
+}
 
+Outcome Fetcher::finalOutcome(Transfer& transfer, const HttpClientResult& result)
+{
+    if (transfer.localFailure) {
+        return *transfer.localFailure;
+    }
+    if (transfer.cancelled) {
+        return { exitcode::kCancelled,
+            QString("cancelled after %1 ms (--cancel-after)").arg(config.cancelAfterMs) };
+    }
+    if (libraryReason(result).contains("read-size limit")) {
+        return tooLarge(config.maxFilesize);
+    }
+    return classify(result, config.failOnHttpError);
+}
+
+void Fetcher::complete(int token, const HttpClientResult& result)
+{
+    const auto found = transfers.find(token);
+    if (found == transfers.end()) {
+        return;
+    }
+    Transfer transfer = std::move(found->second);
+    transfers.erase(found);
+
+    if (!transfer.localFailure && (result.status == HttpClientStatus::OK || !result.body.isEmpty())) {
+        receive(transfer, result);
+        noteResponse(transfer); // an empty body still has a response
+    }
+    Outcome outcome = finalOutcome(transfer, result);
+    const QString savedTo = settleBody(transfer, result, outcome);
+    tally(recordOf(transfer, result, outcome, savedTo));
+    launchMore();
+    finishIfDone();
+}
+
+// Commits the body (standard output is flushed; a file gets its final name) or
+// discards it. Returns the file it was saved to; a failed commit fails `outcome`.
+QString Fetcher::settleBody(Transfer& transfer, const HttpClientResult& result, Outcome& outcome)
+{
+    if (!transfer.sink) {
+        return {};
+    }
+    // A whole response: kept when it succeeded, or when --save-errors asks for error bodies too.
+    const bool whole = result.status == HttpClientStatus::OK && !transfer.localFailure && !transfer.cancelled;
+    const bool keep = whole && (responseCode(transfer, result) < 400 || config.saveErrors);
+    if (!keep && !transfer.sink->path().isEmpty()) {
+        transfer.sink->discard();
+        return {};
+    }
+    if (!transfer.sink->commit()) {
+        if (!outcome.failed()) {
+            outcome = { exitcode::kWrite, transfer.sink->error() };
+        }
+        return {};
+    }
+    return transfer.sink->path();
+}
+
+int Fetcher::responseCode(const Transfer& transfer, const HttpClientResult& result)
+{
+    return transfer.code > 0 ? transfer.code : result.code;
+}
+
+ResultRecord Fetcher::recordOf(
+    const Transfer& transfer, const HttpClientResult& result, const Outcome& outcome, const QString& savedTo)
+{
+    ResultRecord record;
+    record.index = transfer.job;
+    record.round = transfer.round;
+    record.url = transfer.url;
+    record.effectiveUrl = result.status == HttpClientStatus::OK ? effectiveUrl(result) : QString();
+    record.status = transfer.localFailure ? HttpClientStatus::Error : result.status;
+    record.code = responseCode(transfer, result);
+    record.outcome = outcome;
+    record.bytes = transfer.received;
+    record.headers = transfer.headers;
+    record.totalMs = transfer.clock.elapsed();
+    record.firstByteMs = transfer.firstByteMs;
+    record.savedTo = savedTo;
+    record.cached = transfer.cached;
+    record.cancelled = transfer.cancelled;
+    return record;
+}
+
+void Fetcher::tally(const ResultRecord& record)
+{
     ++totals.requests;
-    totals.bytes += request.bytes;
-    totals.cached += request.cached ? 1 : 0;
-    totals.failures += succeeded(result) && !saveFailed ? 0 : 1;
-    printer.print(delivery);
-
-    if (++completedInRound < config.urls.size()) {
-        launchMore();
-    } else if (round < config.repeat) {
-        startRound();
-    } else {
-        requestsElapsedUs = wallClock.nsecsElapsed() / 1000;
-        progressTimer.stop();
-        if (config.printPushes) {
-            pushQuietTimer.start();
-        } else {
-            finishNow();
+    totals.bytes += record.bytes;
+    totals.cached += record.cached ? 1 : 0;
+    if (record.outcome.failed()) {
+        ++totals.failures;
+        const std::pair<int, int> position { record.round, record.index };
+        if (!firstFailure || position < firstFailure->first) {
+            firstFailure = { position, record.outcome.exitCode };
         }
     }
+    reporter.result(record);
+}
+
+void Fetcher::finishIfDone()
+{
+    if (finishing || listOpen || nextJob < jobs.size() || !transfers.empty()) {
+        return;
+    }
+    if (round < config.repeat && !jobs.isEmpty()) {
+        ++round;
+        nextJob = 0;
+        launchMore();
+        return;
+    }
+    progressTimer.stop();
+    if (config.push) {
+        pushQuietTimer.start();
+    } else {
+        finish(false);
+    }
+}
+
+void Fetcher::interrupt()
+{
+    if (finishing) {
+        return;
+    }
+    listReader.reset();
+    for (auto& [token, transfer] : transfers) {
+        if (transfer.sink) {
+            transfer.sink->discard();
+        }
+        client.cancel(transfer.id);
+    }
+    transfers.clear(); // their cancellation results are not waited for
+    firstFailure = { { 0, -1 }, exitcode::kInterrupted };
+    finish(true);
+}
+
+void Fetcher::finish(bool interrupted)
+{
+    if (finishing) {
+        return;
+    }
+    finishing = true;
+    progressTimer.stop();
+    pushQuietTimer.stop();
+    reporter.summary(totals, wallClock.nsecsElapsed() / 1000, interrupted);
+    emit finished();
+}
+
+int Fetcher::exitCode() const
+{
+    return firstFailure ? firstFailure->second : exitcode::kOk;
 }
 
 // Pushed responses come by slot because the client delivers pushes to one receiver.
-void Fetcher::onPushed(const TrelUrl& url, const HttpClientPrivate& /*context*/, int status, int code,
+void Fetcher::onPushed(const TrelUrl& /*url*/, const HttpClientPrivate& /*context*/, int status, int code,
     const QByteArray& body, const HttpClientHeaders& headers)
 {
-    const HttpClientResult result { url, static_cast<HttpClientStatus>(status), code, body, headers };
     ++totals.pushed;
-    Running pushed;
-    Delivery delivery;
-    delivery.kind = DeliveryKind::Pushed;
-    delivery.url = url;
-    delivery.effectiveUrl = effectiveUrl(result);
-    delivery.status = result.status;
-    delivery.code = code;
-    delivery.bytes = body.size();
-    delivery.elapsedMs = wallClock.elapsed();
-    delivery.round = round;
-    delivery.savedTo = save(
-        pushed, QString("push-%1-%2").arg(totals.pushed).arg(fileNameFor(delivery.effectiveUrl)), body);
-    printer.print(delivery);
+    ResultRecord record;
+    record.pushed = true;
+    record.index = -1;
+    record.effectiveUrl = headers.value(kEffectiveUrlHeader, QString());
+    record.url = record.effectiveUrl;
+    record.status = static_cast<HttpClientStatus>(status);
+    record.code = code;
+    record.bytes = body.size();
+    record.headers = headers;
+    record.totalMs = wallClock.elapsed();
+    reporter.result(record);
     if (pushQuietTimer.isActive()) {
         pushQuietTimer.start(); // still arriving: wait again
     }
 }
 
-void Fetcher::finishNow()
-{
-    printer.summary(totals, requestsElapsedUs);
-    emit finished();
-}
-
-// Appends to the request's file, creating it on the request's first delivery.
-// Returns the file's path, or an empty string when nothing is saved.
-QString Fetcher::save(Running& request, const QString& name, const QByteArray& body)
-{
-    if (config.outputDir.isEmpty()) {
-        return {};
-    }
-    if (!request.output) {
-        request.output = std::make_unique<QFile>(QDir(config.outputDir).filePath(name));
-        if (!request.output->open(QIODevice::WriteOnly | QIODevice::Truncate)) {
-            std::fprintf(stderr, "trel-fetch: cannot write %s: %s\n", qPrintable(request.output->fileName()),
-                qPrintable(request.output->errorString()));
-        }
-    }
-    if (!request.output->isOpen() || request.output->write(body) != body.size()) {
-        return {};
-    }
-    request.output->flush();
-    return request.output->fileName();
-}
-
-QString Fetcher::effectiveUrl(const HttpClientResult& result) const
-{
-    return result.headers.value(kEffectiveUrlHeader, QString::fromUtf8(result.url.toEncoded()));
-}
-
 void Fetcher::showProgress()
 {
-    printer.progress(totals, config.urls.size() * config.repeat, wallClock.nsecsElapsed() / 1000);
+    ProgressSnapshot snapshot;
+    snapshot.inFlight = static_cast<int>(transfers.size());
+    snapshot.done = totals.requests;
+    bool allKnown = !transfers.empty();
+    std::int64_t expected = 0;
+    for (const auto& [token, transfer] : transfers) {
+        snapshot.inFlightReceived += transfer.received;
+        allKnown = allKnown && transfer.expected > 0;
+        expected += std::max<std::int64_t>(transfer.expected, 0);
+    }
+    snapshot.inFlightExpected = allKnown ? expected : -1;
+    const double seconds = static_cast<double>(wallClock.nsecsElapsed()) / 1e9;
+    snapshot.bytesPerSecond = seconds > 0 ? static_cast<double>(bytesEver) / seconds : 0;
+    reporter.progress(snapshot);
 }
 
 } // namespace trelfetch

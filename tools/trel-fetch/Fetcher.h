@@ -1,25 +1,28 @@
 #pragma once
 
-// Runs one trel-fetch configuration on one HttpClient: keeps at most `parallel`
-// requests in flight, runs the URL list once per round (rounds one after the
-// other, so later rounds can be served from the cache), cancels requests that
-// overstay --cancel-after, saves bodies, and tells the printer about every
-// delivery. Lives on the thread that runs the event loop.
+// Runs one trel-fetch configuration on one HttpClient: takes URLs from the
+// command line and from lists as they arrive, keeps one transfer (or, with -Z,
+// up to --parallel-max) in flight, writes each body as it arrives, and reports
+// every result. Lives on the thread that runs the event loop.
 
+#include "BodySink.h"
 #include "FetchConfig.h"
-#include "ResultPrinter.h"
+#include "LineReader.h"
+#include "Outcome.h"
+#include "Reporter.h"
 #include "StdinStreamer.h"
 
 #include <trel/HttpClient.h>
 
 #include <QElapsedTimer>
 #include <QFile>
-#include <QHash>
 #include <QObject>
 #include <QTimer>
+#include <QVector>
 
+#include <map>
 #include <memory>
-#include <unordered_map>
+#include <optional>
 
 namespace trelfetch {
 
@@ -28,12 +31,15 @@ class Fetcher : public QObject
     Q_OBJECT
 
 public:
-    Fetcher(const FetchConfig& config, ResultPrinter& printer, QObject* parent = nullptr);
+    Fetcher(const FetchConfig& config, Reporter& reporter, QObject* parent = nullptr);
     ~Fetcher() override;
 
-    // Starts the first round; finished() follows once every request has its result.
+    // Starts the command line's URLs and the list readers; finished() follows
+    // once every URL has its result.
     void start();
-    // 0 when every request ended OK below 400, else the failures, at most 100.
+    // Ctrl-C: cancels everything, removes partial files, and finishes at once.
+    void interrupt();
+    // The exit code of the first failure in input order; 0 when none failed.
     int exitCode() const;
 
 signals:
@@ -43,49 +49,81 @@ private slots:
     // Pushed responses arrive here by name; see HttpClient::setPushProperties.
     void onPushed(const TrelUrl& url, const HttpClientPrivate& context, int status, int code,
         const QByteArray& body, const HttpClientHeaders& headers);
-    void finishNow();
 
 private:
-    // One request of one round, from its start until its final result.
-    struct Running
+    struct Job
     {
-        int index = 0; // position in the URL list
-        void* id = nullptr;
-        QElapsedTimer clock;
-        std::int64_t bytes = 0;
-        bool cached = false;
-        bool cancelled = false;
-        std::unique_ptr<QFile> output;
+        QString text; // the URL as given
+        std::optional<OutputTarget> output; // the -o/-O of a command-line URL
     };
 
-    void startRound();
+    // One request of one round, from its start until its final result.
+    struct Transfer
+    {
+        int job = 0;
+        int round = 1;
+        QString url;
+        void* id = nullptr;
+        QElapsedTimer clock;
+        std::int64_t firstByteMs = -1;
+        std::int64_t received = 0;
+        std::int64_t expected = -1; // Content-Length, when announced
+        bool responseSeen = false;
+        bool dropBody = false; // -f and an HTTP error: the body goes nowhere
+        bool cached = false;
+        bool cancelled = false; // by --cancel-after
+        int code = -1;
+        HttpClientHeaders headers;
+        std::unique_ptr<BodySink> sink; // null: the body goes nowhere
+        std::optional<Outcome> localFailure; // decided by the tool, not the library
+    };
+
+    void startListReader();
+    void addJob(const QString& text, std::optional<OutputTarget> output);
+    void onListLine(const QString& line);
+    void onListEnd(const QString& error);
     void launchMore();
-    void launch(int index);
+    void launch(int jobIndex);
+    std::unique_ptr<BodySink> sinkFor(const Job& job, Outcome& failure) const;
     void* send(const TrelUrl& url, HttpClient::Callback callback);
+    void failLater(int token, const Outcome& failure);
     void onResult(int token, const HttpClientResult& result);
-    void cancelIfRunning(int token);
-    void completeRequest(int token, const HttpClientResult& result);
-    QString save(Running& running, const QString& name, const QByteArray& body);
-    QString effectiveUrl(const HttpClientResult& result) const;
+    void receive(Transfer& transfer, const HttpClientResult& result);
+    void mergeHeaders(Transfer& transfer, const HttpClientResult& result);
+    void noteResponse(Transfer& transfer);
+    void abort(Transfer& transfer, const Outcome& failure);
+    void complete(int token, const HttpClientResult& result);
+    Outcome finalOutcome(Transfer& transfer, const HttpClientResult& result);
+    QString settleBody(Transfer& transfer, const HttpClientResult& result, Outcome& outcome);
+    static int responseCode(const Transfer& transfer, const HttpClientResult& result);
+    static ResultRecord recordOf(const Transfer& transfer, const HttpClientResult& result,
+        const Outcome& outcome, const QString& savedTo);
+    void tally(const ResultRecord& record);
+    void finishIfDone();
+    void finish(bool interrupted);
     void showProgress();
 
     const FetchConfig config;
-    ResultPrinter& printer;
+    Reporter& reporter;
     // Declared before the client so that it outlives the client's stream transfer.
     std::unique_ptr<StdinStreamer> streamer;
     HttpClient client;
-    std::unordered_map<int, Running> running; // by token
-    QHash<void*, int> tokensById; // live transfers' ids to their requests
+    QVector<Job> jobs; // in input order
+    std::map<int, Transfer> transfers; // in flight, by token
+    std::unique_ptr<QFile> listFile;
+    std::unique_ptr<LineReader> listReader;
+    bool listOpen = false;
     QElapsedTimer wallClock;
     QTimer progressTimer;
     QTimer pushQuietTimer; // after the last request, waits for straggling pushes
     Totals totals;
-    int round = 0;
-    int nextIndex = 0;
+    std::int64_t bytesEver = 0;
+    int round = 1;
+    int nextJob = 0;
     int nextToken = 0;
-    int completedInRound = 0;
-    const QStringList outputNames; // file names for --output, by URL position
-    std::int64_t requestsElapsedUs = 0; // until the last requested result
+    bool finishing = false;
+    // (round, input index) of the first failure, and its exit code.
+    std::optional<std::pair<std::pair<int, int>, int>> firstFailure;
 };
 
 } // namespace trelfetch

@@ -1,11 +1,18 @@
-// trel-fetch: fetch URLs concurrently with one HttpClient. See --help.
+// trel-fetch: fetch URLs with one HttpClient, the way curl does. See --help.
 
 #include "FetchConfig.h"
 #include "Fetcher.h"
-#include "ResultPrinter.h"
+#include "InterruptWatcher.h"
+#include "OptionTable.h"
+#include "Outcome.h"
+#include "Reporter.h"
+
+#include <trel/Version.h>
 
 #include <QCoreApplication>
-#include <QDir>
+#include <QtGlobal>
+
+#include <curl/curl.h>
 
 #include <log4cplus/consoleappender.h>
 #include <log4cplus/initializer.h>
@@ -13,22 +20,22 @@
 #include <log4cplus/logger.h>
 #include <log4cplus/nullappender.h>
 
+#include <algorithm>
+#include <csignal>
 #include <cstdio>
 #include <iostream>
 #include <memory>
 
 namespace {
 
-constexpr int kUsageExitCode = 2;
-
-// The library logs to the logger "HttpClient". Under --verbose its whole trace
-// goes to standard error; otherwise it is switched off, which also keeps
+// The library logs to the logger "HttpClient". Under --trace-library its whole
+// trace goes to standard error; otherwise it is switched off, which also keeps
 // log4cplus from complaining that no appender is configured.
-void configureLogging(bool verbose)
+void configureLogging(bool traceLibrary)
 {
     log4cplus::Logger root = log4cplus::Logger::getRoot();
     log4cplus::Logger library = log4cplus::Logger::getInstance(LOG4CPLUS_TEXT("HttpClient"));
-    if (!verbose) {
+    if (!traceLibrary) {
         root.addAppender(log4cplus::SharedAppenderPtr(new log4cplus::NullAppender()));
         library.setLogLevel(log4cplus::OFF_LOG_LEVEL);
         return;
@@ -44,7 +51,40 @@ int usageError(const QString& message)
 {
     std::fprintf(
         stderr, "trel-fetch: %s\nTry 'trel-fetch --help' for more information.\n", qPrintable(message));
-    return kUsageExitCode;
+    return trelfetch::exitcode::kUsage;
+}
+
+void printVersions()
+{
+    std::printf("trel-fetch %s\nlibtrel_http_client %s\n%s\nQt %s\n", TREL_HTTP_CLIENT_VERSION_STRING,
+        trelHttpClientVersion(), curl_version(), qVersion());
+}
+
+bool bodiesGoToStandardOutput(const trelfetch::FetchConfig& config)
+{
+    const auto commandLineUrls = config.urls.size() - config.urls.count("-");
+    const bool someWithoutOutput = config.outputs.size() < commandLineUrls || config.readsStandardInputList()
+        || !config.urlFile.isEmpty();
+    const bool dashOutput = std::any_of(config.outputs.cbegin(), config.outputs.cend(),
+        [](const trelfetch::OutputTarget& output) { return output.path == "-"; });
+    return dashOutput || (!config.remoteNameAll && someWithoutOutput);
+}
+
+int run(QCoreApplication& app, const trelfetch::FetchConfig& config)
+{
+    configureLogging(config.traceLibrary);
+    trelfetch::Reporter reporter(config, bodiesGoToStandardOutput(config));
+    QString error;
+    if (!reporter.open(error)) {
+        return usageError(error);
+    }
+    trelfetch::Fetcher fetcher(config, reporter);
+    trelfetch::InterruptWatcher interrupts;
+    QObject::connect(
+        &interrupts, &trelfetch::InterruptWatcher::interrupted, &fetcher, &trelfetch::Fetcher::interrupt);
+    QObject::connect(&fetcher, &trelfetch::Fetcher::finished, &app, [&] { app.exit(fetcher.exitCode()); });
+    fetcher.start();
+    return app.exec();
 }
 
 } // namespace
@@ -53,24 +93,25 @@ int main(int argc, char** argv)
 {
     log4cplus::Initializer logging;
     QCoreApplication app(argc, argv);
+    // A closed standard output (trel-fetch ... | head) is a write error with
+    // exit code 23, as with curl, rather than death by SIGPIPE.
+    std::signal(SIGPIPE, SIG_IGN);
 
     const trelfetch::ParseOutcome outcome = trelfetch::parseCommandLine(app.arguments().mid(1), std::cin);
-    if (outcome.help) {
-        std::fputs(qPrintable(trelfetch::usage()), stdout);
+    switch (outcome.action) {
+    case trelfetch::Action::Help:
+        std::fputs(qPrintable(trelfetch::helpText()), stdout);
         return 0;
-    }
-    if (!outcome.config) {
+    case trelfetch::Action::Version:
+        printVersions();
+        return 0;
+    case trelfetch::Action::Manual:
+        std::fputs(qPrintable(trelfetch::manPage()), stdout);
+        return 0;
+    case trelfetch::Action::UsageError:
         return usageError(outcome.error);
+    case trelfetch::Action::Run:
+        break;
     }
-    const trelfetch::FetchConfig& config = *outcome.config;
-    if (!config.outputDir.isEmpty() && !QDir().mkpath(config.outputDir)) {
-        return usageError(QString("cannot create output directory '%1'").arg(config.outputDir));
-    }
-    configureLogging(config.verbose);
-
-    trelfetch::ResultPrinter printer(config.json, config.repeat > 1, true);
-    trelfetch::Fetcher fetcher(config, printer);
-    QObject::connect(&fetcher, &trelfetch::Fetcher::finished, &app, [&] { app.exit(fetcher.exitCode()); });
-    fetcher.start();
-    return app.exec();
+    return run(app, *outcome.config);
 }

@@ -1,0 +1,96 @@
+#include "BodySink.h"
+
+#include <QDir>
+#include <QFileInfo>
+
+#include <cerrno>
+#include <cstring>
+
+namespace trelfetch {
+
+StreamSink::StreamSink(std::FILE* stream)
+    : stream(stream)
+{ }
+
+bool StreamSink::write(const QByteArray& bytes)
+{
+    const auto size = static_cast<std::size_t>(bytes.size());
+    if (std::fwrite(bytes.constData(), 1, size, stream) != size) {
+        lastError = QString("cannot write to standard output: %1").arg(std::strerror(errno));
+        return false;
+    }
+    return true;
+}
+
+bool StreamSink::commit()
+{
+    if (std::fflush(stream) != 0) {
+        lastError = QString("cannot write to standard output: %1").arg(std::strerror(errno));
+        return false;
+    }
+    return true;
+}
+
+FileSink::FileSink(const QString& finalPath, bool clobber, bool createDirs)
+    : finalPath(finalPath)
+    , clobber(clobber)
+    , createDirs(createDirs)
+{ }
+
+bool FileSink::open()
+{
+    if (file) {
+        return file->isOpen();
+    }
+    const QString directory = QFileInfo(finalPath).absolutePath();
+    if (createDirs && !QDir().mkpath(directory)) {
+        lastError = QString("cannot create directory '%1'").arg(directory);
+        return false;
+    }
+    file = std::make_unique<QSaveFile>(finalPath);
+    if (!file->open(QIODevice::WriteOnly)) {
+        lastError = QString("cannot write '%1': %2").arg(finalPath, file->errorString());
+        return false;
+    }
+    return true;
+}
+
+bool FileSink::write(const QByteArray& bytes)
+{
+    if (!open()) {
+        return false;
+    }
+    if (file->write(bytes) != bytes.size()) {
+        lastError = QString("cannot write '%1': %2").arg(finalPath, file->errorString());
+        return false;
+    }
+    return true;
+}
+
+bool FileSink::commit()
+{
+    if (!open()) {
+        return false;
+    }
+    // The check right before the rename keeps a file that appeared while the body arrived.
+    if (!clobber && QFileInfo::exists(finalPath)) {
+        lastError = QString("'%1' exists: not overwritten without --clobber").arg(finalPath);
+        discard();
+        return false;
+    }
+    if (!file->commit()) {
+        lastError = QString("cannot write '%1': %2").arg(finalPath, file->errorString());
+        return false;
+    }
+    return true;
+}
+
+void FileSink::discard()
+{
+    if (file) {
+        file->cancelWriting();
+        file.reset(); // the temporary file goes with it
+    }
+}
+
+} // namespace trelfetch

@@ -1,0 +1,226 @@
+#include "OptionTable.h"
+
+#include <QStringList>
+
+namespace trelfetch {
+namespace {
+
+const char* const kSynopsis = "trel-fetch [OPTION]... URL...";
+const char* const kDescription
+    = "Fetches URLs with one HttpClient of libtrel_http_client. Options that curl also has mean what "
+      "curl's mean. Bodies go to standard output unless -o, -O or --remote-name-all say "
+      "otherwise; they are written as they arrive, so memory stays bounded whatever their size. A URL of "
+      "- reads URLs from standard input, one per line, and starts each as it arrives.";
+
+QString optionLabel(const OptionSpec& option)
+{
+    QString label = option.shortName.isNull() ? QString("    ") : QString("-%1, ").arg(option.shortName);
+    label += "--" + option.longName;
+    if (option.valueKind == ValueKind::Required) {
+        label += " " + option.valueName;
+    } else if (option.valueKind == ValueKind::Optional) {
+        label += "[=" + option.valueName + "]";
+    }
+    return label;
+}
+
+// Roff treats a leading dot or quote as a request and a backslash as an escape.
+QString roffEscaped(QString text)
+{
+    text.replace('\\', "\\e").replace('-', "\\-");
+    if (text.startsWith('.') || text.startsWith('\'')) {
+        text.prepend("\\&");
+    }
+    return text;
+}
+
+QString manOptionLabel(const OptionSpec& option)
+{
+    QString label = option.shortName.isNull() ? QString() : QString("\\fB\\-%1\\fR, ").arg(option.shortName);
+    label += "\\fB" + roffEscaped("--" + option.longName) + "\\fR";
+    if (option.valueKind == ValueKind::Required) {
+        label += " \\fI" + roffEscaped(option.valueName) + "\\fR";
+    } else if (option.valueKind == ValueKind::Optional) {
+        label += "[=\\fI" + roffEscaped(option.valueName) + "\\fR]";
+    }
+    return label;
+}
+
+// Help lines are wrapped to fit an 80-column terminal.
+QStringList wrapped(const QString& text, int width)
+{
+    QStringList lines { QString() };
+    for (const QString& word : text.split(' ', Qt::SkipEmptyParts)) {
+        if (!lines.last().isEmpty() && lines.last().size() + 1 + word.size() > width) {
+            lines << QString();
+        }
+        lines.last() += (lines.last().isEmpty() ? "" : " ") + word;
+    }
+    return lines;
+}
+
+} // namespace
+
+const QList<OptionSpec>& optionTable()
+{
+    static const QList<OptionSpec> table = {
+        { 'o', "output", ValueKind::Required, "FILE",
+            "Write the body of the next URL to FILE (one -o per URL, in order). An existing FILE is kept "
+            "unless --clobber is given." },
+        { 'O', "remote-name", ValueKind::None, {},
+            "Save the body of the next URL under the last segment of its path." },
+        { {}, "remote-name-all", ValueKind::None, {},
+            "Save every body under the last segment of its URL's path, URLs from lists included." },
+        { {}, "output-dir", ValueKind::Required, "DIR", "Put the files of -o and -O in DIR." },
+        { {}, "create-dirs", ValueKind::None, {}, "Create the directories an output file needs." },
+        { {}, "clobber", ValueKind::None, {}, "Replace output files that already exist." },
+        { {}, "save-errors", ValueKind::None, {},
+            "Also save bodies of failed requests (HTTP status 400 and above, or a transfer error); by "
+            "default only successful bodies are kept." },
+        { {}, "max-filesize", ValueKind::Required, "BYTES",
+            "Fail a body larger than BYTES (exit code 63); nothing truncated is kept. No limit by default." },
+        { {}, "report", ValueKind::Optional, "FORMAT",
+            "Write one line per result to standard error: FORMAT text (the default) or json (JSON Lines with "
+            "the reason, headers, input index and timings), then a summary." },
+        { {}, "report-file", ValueKind::Required, "FILE", "Write the --report lines to FILE instead." },
+        { 'X', "request", ValueKind::Required, "METHOD",
+            "Request method: GET, HEAD, POST, PUT, DELETE or PATCH." },
+        { 'H', "header", ValueKind::Required, "'NAME: VALUE'", "Add a request header (repeatable)." },
+        { 'd', "data", ValueKind::Required, "DATA",
+            "Send DATA as the body (POST unless -X says otherwise); @FILE sends a file's contents, @- "
+            "standard input. Several -d are joined with &." },
+        { 'F', "form", ValueKind::Required, "NAME=VALUE",
+            "Add a multipart form field (repeatable; POST). NAME=@FILE uploads FILE with the library's file "
+            "upload, as the only field." },
+        { 'T', "upload-file", ValueKind::Required, "FILE", "PUT the raw contents of FILE." },
+        { {}, "stream", ValueKind::None, {}, "POST standard input as it is read, with unknown length." },
+        { 'L', "location", ValueKind::None, {}, "Follow redirects." },
+        { {}, "max-redirs", ValueKind::Required, "N",
+            "With -L, follow at most N redirects (default 50; -1 for no limit)." },
+        { {}, "post301", ValueKind::None, {}, "Keep POST after a 301 redirect." },
+        { {}, "post302", ValueKind::None, {}, "Keep POST after a 302 redirect." },
+        { {}, "post303", ValueKind::None, {}, "Keep POST after a 303 redirect." },
+        { 'k', "insecure", ValueKind::None, {}, "Do not verify the server's TLS certificate." },
+        { 'm', "max-time", ValueKind::Required, "SECONDS",
+            "Give up on a request after SECONDS (fractions allowed)." },
+        { {}, "connect-timeout", ValueKind::Required, "SECONDS",
+            "Give up on a request that has heard nothing from its server after SECONDS (fractions "
+            "allowed)." },
+        { 's', "silent", ValueKind::None, {}, "No progress line and no error messages." },
+        { 'S', "show-error", ValueKind::None, {}, "With -s, still print error messages." },
+        { 'f', "fail", ValueKind::None, {},
+            "Treat HTTP status 400 and above as failure: no body output, exit code 22." },
+        { 'v', "verbose", ValueKind::None, {}, "Show request and response headers on standard error." },
+        { {}, "trace-library", ValueKind::None, {},
+            "Write the library's own trace log (logger HttpClient) to standard error." },
+        { 'A', "user-agent", ValueKind::Required, "NAME", "Send User-Agent: NAME." },
+        { {}, "compressed", ValueKind::None, {}, "Ask for a compressed response and write it decoded." },
+        { {}, "http2", ValueKind::None, {},
+            "Use HTTP/2: requests to one server share one multiplexed connection." },
+        { 'Z', "parallel", ValueKind::None, {}, "Run transfers in parallel instead of one after the other." },
+        { {}, "parallel-max", ValueKind::Required, "N",
+            "With -Z, at most N transfers at once (default 50)." },
+        { {}, "url-file", ValueKind::Required, "FILE",
+            "Read URLs from FILE, one per line, each started as it is read (- is standard input)." },
+        { {}, "cache-size", ValueKind::Required, "BYTES",
+            "Keep up to BYTES of GET responses in the client's cache (bodies are then held whole)." },
+        { {}, "repeat", ValueKind::Required, "N", "Fetch the URL list N times, one round after the other." },
+        { {}, "cancel-after", ValueKind::Required, "MS",
+            "Cancel a request still running MS milliseconds after it started (exit code 42)." },
+        { {}, "push", ValueKind::None, {}, "Report HTTP/2 server-pushed responses (needs --http2)." },
+        { 'V', "version", ValueKind::None, {},
+            "Show the versions of trel-fetch, the library, libcurl and Qt." },
+        { 'h', "help", ValueKind::None, {}, "Show this help." },
+        { {}, "man", ValueKind::None, {}, "Write the manual page (roff) to standard output." },
+    };
+    return table;
+}
+
+const QList<Example>& examples()
+{
+    static const QList<Example> list = {
+        { "trel-fetch https://example.org/", "print a page" },
+        { "trel-fetch -L -o page.html https://example.org/", "follow redirects, save to page.html" },
+        { "trel-fetch -O -O http://host/a.iso http://host/b.iso", "save both under their own names" },
+        { "trel-fetch -d @body.json -H 'Content-Type: application/json' http://host/api",
+            "POST a file's contents" },
+        { "trel-fetch -T report.pdf http://host/upload/report.pdf", "PUT a file" },
+        { "trel-fetch -Z --remote-name-all --output-dir out - < urls.txt",
+            "fetch a list, 50 at a time, into out/" },
+        { "trel-fetch -sf --report=json http://host/a http://host/b >/dev/null",
+            "one JSON line per result on standard error" },
+    };
+    return list;
+}
+
+const QList<ExitCode>& exitCodes()
+{
+    static const QList<ExitCode> table = {
+        { 0, "every request succeeded" },
+        { 1, "a request failed for another reason (such as a redirect to a scheme other than http/https)" },
+        { 2, "usage error: bad option or option value; nothing was sent" },
+        { 3, "a URL is malformed (an argument, or a line of a URL list)" },
+        { 6, "could not resolve the host" },
+        { 7, "could not connect to the server" },
+        { 22, "HTTP status 400 or above, with --fail" },
+        { 23, "an output file could not be written, or exists and --clobber was not given" },
+        { 28, "timeout (--max-time or --connect-timeout)" },
+        { 35, "TLS handshake or certificate failure" },
+        { 42, "cancelled by --cancel-after" },
+        { 47, "too many redirects" },
+        { 56, "the connection failed while receiving" },
+        { 63, "a body is larger than --max-filesize" },
+        { 130, "interrupted by Ctrl-C" },
+    };
+    return table;
+}
+
+QString helpText()
+{
+    constexpr int kLabelWidth = 30;
+    constexpr int kHelpWidth = 80 - kLabelWidth - 3;
+    QStringList lines { QString("Usage: %1").arg(kSynopsis), "" };
+    lines << wrapped(kDescription, 80) << ""
+          << "Options:";
+    for (const OptionSpec& option : optionTable()) {
+        const QString label = optionLabel(option);
+        const QString indent(kLabelWidth + 3, ' ');
+        lines << QString("  %1").arg(label, -kLabelWidth) + (label.size() > kLabelWidth ? "\n" + indent : " ")
+                + wrapped(option.help, kHelpWidth).join("\n" + indent);
+    }
+    lines << ""
+          << "Examples:";
+    for (const Example& example : examples()) {
+        lines << "  " + example.command << "      " + example.what;
+    }
+    lines << ""
+          << "Exit codes (with several URLs, the code of the first failure in input order):";
+    for (const ExitCode& exit : exitCodes()) {
+        lines << QString("  %1  %2").arg(exit.code, 3).arg(exit.meaning);
+    }
+    return lines.join('\n') + '\n';
+}
+
+QString manPage()
+{
+    QStringList lines { ".TH TRELFETCH 1 \"\" \"trel-fetch\" \"User Commands\"", ".SH NAME",
+        "trel\\-fetch \\- fetch URLs with libtrel_http_client, the way curl does", ".SH SYNOPSIS",
+        "\\fBtrel\\-fetch\\fR [\\fIOPTION\\fR]... \\fIURL\\fR...", ".SH DESCRIPTION",
+        roffEscaped(kDescription), ".SH OPTIONS" };
+    for (const OptionSpec& option : optionTable()) {
+        lines << ".TP" << manOptionLabel(option) << roffEscaped(option.help);
+    }
+    lines << ".SH EXAMPLES";
+    for (const Example& example : examples()) {
+        lines << ".TP"
+              << "\\fB" + roffEscaped(example.command) + "\\fR" << roffEscaped(example.what);
+    }
+    lines << ".SH EXIT STATUS"
+          << "With several URLs, the code of the first failure in input order.";
+    for (const ExitCode& exit : exitCodes()) {
+        lines << ".TP" << QString::number(exit.code) << roffEscaped(exit.meaning);
+    }
+    return lines.join('\n') + '\n';
+}
+
+} // namespace trelfetch

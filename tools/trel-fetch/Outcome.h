@@ -1,0 +1,45 @@
+#pragma once
+
+// How a finished request counts: its exit code (curl's numbers) and the reason
+// in words, taken from the library's X-TrelError header where it gave one.
+
+#include <trel/HttpClient.h>
+
+#include <QString>
+
+namespace trelfetch {
+
+namespace exitcode {
+constexpr int kOk = 0;
+constexpr int kOther = 1;
+constexpr int kUsage = 2;
+constexpr int kMalformedUrl = 3;
+constexpr int kResolve = 6;
+constexpr int kConnect = 7;
+constexpr int kHttpError = 22;
+constexpr int kWrite = 23;
+constexpr int kTimeout = 28;
+constexpr int kTls = 35;
+constexpr int kCancelled = 42;
+constexpr int kTooManyRedirects = 47;
+constexpr int kReceive = 56;
+constexpr int kFileTooLarge = 63;
+constexpr int kInterrupted = 130;
+} // namespace exitcode
+
+struct Outcome
+{
+    int exitCode = exitcode::kOk;
+    QString reason; // empty on success
+
+    bool failed() const { return exitCode != exitcode::kOk; }
+};
+
+// The outcome of a result the library delivered, before anything the tool
+// itself adds (such as --max-filesize or a file that could not be written).
+Outcome classify(const HttpClientResult& result, bool failOnHttpError);
+
+// The library's reason for a failed result.
+QString libraryReason(const HttpClientResult& result);
+
+} // namespace trelfetch
