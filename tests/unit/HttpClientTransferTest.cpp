@@ -104,6 +104,17 @@ void feedHeaderLines(HttpClientTransfer& transfer, const QByteArray& block)
 // ---------------------------------------------------------------------------
 // Configuration
 
+// Immediate read hands over what each socket action received: a smaller buffer
+// keeps those pieces, and the reader's memory, small.
+TEST(HttpClientTransferConfig, ImmediateReadUsesASmallerReceiveBuffer)
+{
+    TransferFactory factory;
+    HttpClientOptions immediate;
+    immediate.setImmediateRead(true);
+    auto transfer = factory.make(HttpClient::Get, immediate);
+    EXPECT_EQ(easyOption(*transfer, CURLOPT_BUFFERSIZE), 64 * 1024);
+}
+
 TEST(HttpClientTransferConfig, DefaultsFollowFiveRedirectsNoTimeoutCompressionAndKeepAlive)
 {
     TransferFactory factory;
