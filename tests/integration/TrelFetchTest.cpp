@@ -225,6 +225,17 @@ TEST_F(TrelFetch, AnExistingFileIsKeptUnlessClobber)
     EXPECT_EQ(filesIn(dir.path()), QStringList { "keep.txt" });
 }
 
+// Writing into a device is not replacing a file: curl users throw bodies away
+// with -o /dev/null, and no --clobber is needed for that.
+TEST_F(TrelFetch, OutputToDevNullNeedsNoClobber)
+{
+    const FetchRun run
+        = runFetch({ "-o", "/dev/null", url("/bytes/10"), "-o", "/dev/null", url("/bytes/20") });
+    EXPECT_EQ(run.exitCode, 0) << run.err.constData();
+    EXPECT_TRUE(run.out.isEmpty());
+    EXPECT_EQ(server().requestCount(), 2);
+}
+
 TEST_F(TrelFetch, OnlySuccessfulBodiesAreSavedUnlessSaveErrors)
 {
     QTemporaryDir dir;

@@ -31,6 +31,26 @@ bool StreamSink::commit()
     return true;
 }
 
+DeviceSink::DeviceSink(const QString& path)
+    : device(path)
+{ }
+
+bool DeviceSink::write(const QByteArray& bytes)
+{
+    const bool written = (device.isOpen() || device.open(QIODevice::WriteOnly | QIODevice::Unbuffered))
+        && device.write(bytes) == bytes.size();
+    if (!written) {
+        lastError = QString("cannot write '%1': %2").arg(device.fileName(), device.errorString());
+    }
+    return written;
+}
+
+bool DeviceSink::commit()
+{
+    // An empty body still opens the target, as a file would be created.
+    return write(QByteArray());
+}
+
 FileSink::FileSink(const QString& finalPath, bool clobber, bool createDirs)
     : finalPath(finalPath)
     , clobber(clobber)

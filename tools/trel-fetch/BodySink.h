@@ -6,6 +6,7 @@
 // sits under the final name.
 
 #include <QByteArray>
+#include <QFile>
 #include <QSaveFile>
 #include <QString>
 
@@ -43,6 +44,21 @@ public:
 
 private:
     std::FILE* const stream;
+};
+
+// An existing target that is not a regular file (/dev/null, a named pipe):
+// written in place, as curl does, since there is nothing to replace or rename.
+class DeviceSink : public BodySink
+{
+public:
+    explicit DeviceSink(const QString& path);
+    bool write(const QByteArray& bytes) override;
+    bool commit() override;
+    void discard() override { }
+    QString path() const override { return device.fileName(); }
+
+private:
+    QFile device;
 };
 
 class FileSink : public BodySink

@@ -243,7 +243,11 @@ std::unique_ptr<BodySink> Fetcher::sinkFor(const Job& job, Outcome& failure) con
     const QString path = config.outputDir.isEmpty() || QFileInfo(name).isAbsolute()
         ? name
         : QDir(config.outputDir).filePath(name);
-    if (!config.clobber && QFileInfo::exists(path)) {
+    const QFileInfo existing(path);
+    if (existing.exists() && !existing.isFile() && !existing.isDir()) {
+        return std::make_unique<DeviceSink>(path);
+    }
+    if (!config.clobber && existing.exists()) {
         failure = { exitcode::kWrite, QString("'%1' exists: not overwritten without --clobber").arg(path) };
         return nullptr;
     }
