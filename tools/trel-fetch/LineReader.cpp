@@ -1,20 +1,17 @@
 #include "LineReader.h"
 
+#include "PolledRead.h"
+
 #include <QByteArray>
 
 #include <cerrno>
 #include <cstring>
 #include <vector>
 
-#include <poll.h>
-#include <unistd.h>
-
 namespace trelfetch {
 namespace {
 
 constexpr int kReadSize = 64 * 1024;
-// How often a reader waiting for input looks whether it should stop.
-constexpr int kStopCheckMs = 100;
 
 } // namespace
 
@@ -32,30 +29,20 @@ LineReader::~LineReader()
     reader.join();
 }
 
-// Runs on the reader thread. Input is polled so that a run that ends early
-// (Ctrl-C) can stop a reader waiting on a pipe or a terminal.
+// Runs on the reader thread.
 void LineReader::run()
 {
     std::vector<char> buffer(kReadSize);
     QByteArray pending;
-    while (!stopping) {
-        pollfd watched { fd, POLLIN, 0 };
-        const int ready = ::poll(&watched, 1, kStopCheckMs);
-        if (ready == 0 || (ready < 0 && errno == EINTR)) {
-            continue;
-        }
-        const ssize_t count = ready < 0 ? -1 : ::read(fd, buffer.data(), buffer.size());
-        if (count < 0 && errno == EINTR) {
-            continue;
-        }
-        if (count < 0) {
+    while (const std::optional<ssize_t> count = readWhenReadable(fd, buffer, stopping)) {
+        if (*count < 0) {
             finish(QString("cannot read the URL list: %1").arg(std::strerror(errno)));
             return;
         }
-        if (count == 0) {
+        if (*count == 0) {
             break;
         }
-        pending.append(buffer.data(), static_cast<int>(count));
+        pending.append(buffer.data(), static_cast<int>(*count));
         for (int newline = pending.indexOf('\n'); newline >= 0; newline = pending.indexOf('\n')) {
             deliver(pending.left(newline));
             pending.remove(0, newline + 1);
