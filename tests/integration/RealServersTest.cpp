@@ -14,6 +14,8 @@
 
 #include <gtest/gtest.h>
 
+#include <memory>
+
 #include <random>
 #include <thread>
 
@@ -60,24 +62,22 @@ class Nginx : public ::testing::Test
 protected:
     static void SetUpTestSuite()
     {
-        backend = new LoopbackServer;
+        backend = std::make_unique<LoopbackServer>();
         ASSERT_TRUE(backend->start());
-        nginx = new NginxServer;
+        nginx = std::make_unique<NginxServer>();
         NginxServer::Options options;
         options.backendPort = backend->port();
         ASSERT_TRUE(nginx->start(options)) << nginx->error().toStdString();
     }
     static void TearDownTestSuite()
     {
-        delete nginx;
-        delete backend;
-        nginx = nullptr;
-        backend = nullptr;
+        nginx.reset(); // before the backend it forwards to
+        backend.reset();
     }
     void SetUp() override { backend->clear(); }
 
-    static inline LoopbackServer* backend = nullptr;
-    static inline NginxServer* nginx = nullptr;
+    static inline std::unique_ptr<LoopbackServer> backend;
+    static inline std::unique_ptr<NginxServer> nginx;
     Results results;
     HttpClientOptions options;
 };
@@ -191,22 +191,18 @@ class Nghttpd : public ::testing::Test
 protected:
     static void SetUpTestSuite()
     {
-        server = new NghttpdServer;
+        server = std::make_unique<NghttpdServer>();
         NghttpdServer::Options options;
         options.pushes = QStringList { QStringLiteral("/index.html=/style.css,/1k") };
         options.verbose = true;
         ASSERT_TRUE(server->start(options)) << server->error().toStdString();
     }
-    static void TearDownTestSuite()
-    {
-        delete server;
-        server = nullptr;
-    }
+    static void TearDownTestSuite() { server.reset(); }
     void SetUp() override { options.setVerifyPeer(false); }
 
     static TrelUrl url(const QByteArray& path) { return TrelUrl::fromEncoded(server->url(path)); }
 
-    static inline NghttpdServer* server = nullptr;
+    static inline std::unique_ptr<NghttpdServer> server;
     Results results;
     HttpClientOptions options;
 };

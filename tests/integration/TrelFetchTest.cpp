@@ -10,6 +10,8 @@
 
 #include <gtest/gtest.h>
 
+#include <memory>
+
 #include <trel/Version.h>
 
 #include <QJsonArray>
@@ -891,26 +893,22 @@ class TrelFetchNginx : public ::testing::Test
 protected:
     static void SetUpTestSuite()
     {
-        nginx = new NginxServer;
+        nginx = std::make_unique<NginxServer>();
         NginxServer::Options options;
         options.workerConnections = 256; // a small server: a client must not open thousands of connections
         if (!nginx->start(options)) {
             startError = nginx->error();
         }
     }
-    static void TearDownTestSuite()
-    {
-        delete nginx;
-        nginx = nullptr;
-    }
+    static void TearDownTestSuite() { nginx.reset(); }
     void SetUp() override { ASSERT_TRUE(startError.isEmpty()) << startError.toStdString(); }
     static QString url(const QByteArray& path) { return QString::fromLatin1(nginx->url(path)); }
 
-    static NginxServer* nginx;
+    static std::unique_ptr<NginxServer> nginx;
     static QString startError;
 };
 
-NginxServer* TrelFetchNginx::nginx = nullptr;
+std::unique_ptr<NginxServer> TrelFetchNginx::nginx;
 QString TrelFetchNginx::startError;
 
 constexpr qint64 kLargeBody = 256LL * 1024 * 1024;
@@ -986,7 +984,7 @@ class TrelFetchHttp2 : public ::testing::Test
 protected:
     static void SetUpTestSuite()
     {
-        nghttpd = new NghttpdServer;
+        nghttpd = std::make_unique<NghttpdServer>();
         NghttpdServer::Options options;
         options.pushes = QStringList { "/index.html=/style.css" };
         options.verbose = true;
@@ -994,19 +992,15 @@ protected:
             startError = nghttpd->error();
         }
     }
-    static void TearDownTestSuite()
-    {
-        delete nghttpd;
-        nghttpd = nullptr;
-    }
+    static void TearDownTestSuite() { nghttpd.reset(); }
     void SetUp() override { ASSERT_TRUE(startError.isEmpty()) << startError.toStdString(); }
     static QString url(const QByteArray& path) { return QString::fromLatin1(nghttpd->url(path)); }
 
-    static NghttpdServer* nghttpd;
+    static std::unique_ptr<NghttpdServer> nghttpd;
     static QString startError;
 };
 
-NghttpdServer* TrelFetchHttp2::nghttpd = nullptr;
+std::unique_ptr<NghttpdServer> TrelFetchHttp2::nghttpd;
 QString TrelFetchHttp2::startError;
 
 // nghttpd's frame log names the session of every request it receives.
