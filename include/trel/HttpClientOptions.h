@@ -61,7 +61,9 @@ public:
     /// With \p immediateRead true, what has arrived is handed over after every
     /// network event as a result with status HttpClientStatus::ImmediateRead,
     /// and the final result carries only the rest. The read size limit applies
-    /// to what is held between two deliveries. Off by default.
+    /// to what is held between two deliveries. libcurl then reads 64 KiB at a
+    /// time instead of 512 KiB, so each delivery stays small and a download of
+    /// any size needs little memory. Off by default.
     void setImmediateRead(bool immediateRead);
     /// Whether early deliveries are on.
     bool immediateRead() const;
