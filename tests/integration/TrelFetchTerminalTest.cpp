@@ -166,9 +166,10 @@ TEST_F(TrelFetchTerminal, ProgressShowsBytesRatePercentAndEtaThenCtrlCCleansUp)
     ASSERT_TRUE(status.has_value()) << tmux.screen().toStdString();
     EXPECT_EQ(*status, 130);
     const QString screen = tmux.screen();
-    // The progress line was finished: the summary starts a line of its own.
+    // The progress line was finished: the summary starts a line of its own and
+    // counts the cancelled download as failed, with the bytes it had received.
     EXPECT_TRUE(QRegularExpression(
-        R"(ETA \d+:\d\d(\^C)?\s*\ntrel-fetch: 0 requests, 0 failed, \d+ bytes in [\d.]+ s, interrupted)")
+        R"(ETA \d+:\d\d(\^C)?\s*\ntrel-fetch: 1 request, 1 failed, [1-9]\d* bytes in [\d.]+ s, interrupted)")
                     .match(screen)
                     .hasMatch())
         << screen.toStdString();
@@ -193,7 +194,7 @@ TEST_F(TrelFetchTerminal, CtrlCDuringAFileUploadRemovesTheTemporaryFile)
     const std::optional<int> status = tmux.waitForExit();
     ASSERT_TRUE(status.has_value()) << tmux.screen().toStdString();
     EXPECT_EQ(*status, 130);
-    EXPECT_TRUE(tmux.screen().contains("trel-fetch: 0 requests, 0 failed, 0 bytes in "))
+    EXPECT_TRUE(tmux.screen().contains("trel-fetch: 1 request, 1 failed, 0 bytes in "))
         << tmux.screen().toStdString();
     EXPECT_TRUE(filesIn(temporary.path()).isEmpty()) << filesIn(temporary.path()).join(' ').toStdString();
 }

@@ -525,6 +525,10 @@ void Fetcher::interrupt()
             transfer.sink->discard();
         }
         client.cancel(transfer.id);
+        // Counted in the summary as failed requests, with what they had received.
+        ++totals.requests;
+        ++totals.failures;
+        totals.bytes += transfer.received;
     }
     transfers.clear(); // their cancellation results are not waited for
     firstFailure = { { 0, -1 }, exitcode::kInterrupted };

@@ -152,8 +152,9 @@ QString Reporter::jsonLine(const ResultRecord& record)
 QString Reporter::summaryLine(const Totals& totals, std::int64_t elapsedUs, bool interrupted)
 {
     const double seconds = static_cast<double>(elapsedUs) / 1e6;
-    QString line = QString("%1 requests, %2 failed, %3 bytes in %4 s")
+    QString line = QString("%1 %2, %3 failed, %4 bytes in %5 s")
                        .arg(totals.requests)
+                       .arg(totals.requests == 1 ? "request" : "requests")
                        .arg(totals.failures)
                        .arg(totals.bytes)
                        .arg(seconds, 0, 'f', 3);
