@@ -529,36 +529,31 @@ private:
     }
 
     // Issues request `index` on a random client (or on `forcedSlot`, slot form only).
-    void issue(int forcedSlot = -1)
+    // One request on its way out: the client, the options, and whether its
+    // result comes to the callback or to the sink's slot.
+    struct Outgoing
     {
-        const int index = static_cast<int>(issued++);
-        const int slot = forcedSlot >= 0 ? forcedSlot : pick(config.clients);
-        ClientSlot& c = clients[static_cast<size_t>(slot)];
-        HttpClient& client = *c.client;
-        Live request;
-        request.slot = slot;
-        request.generation = c.generation;
-        request.callback = forcedSlot < 0 && pick(2) == 0;
+        HttpClient& client;
+        Live& request;
         HttpClientOptions options;
-        options.setUserData(HttpClientPrivate(index));
-        options.setVerifyPeer(false); // nginx's self-signed certificate
-        options.setTimeoutMs(kSafetyTimeoutMs);
-        const HttpClient::Callback callback
-            = [this, index](const HttpClientResult& r) { onResult(index, r.status, r.code, r.body); };
-        const bool viaNginx = pick(2) == 0;
-        const QByteArray& nginx = c.http2 ? nginxTls : nginxPlain;
-        const QByteArray& server = viaNginx ? nginx : loopback;
-        bool cacheable = false;
-        void* id = nullptr;
+        HttpClient::Callback callback;
+        Sink& sink;
 
-        // The request helpers pick the slot or the callback form.
-        auto get = [&](const TrelUrl& url) {
-            return request.callback ? client.get(url, options, callback)
-                                    : client.get(url, &sink, "onResult", options);
-        };
+        bool toCallback() const { return request.callback; }
+        void* get(const TrelUrl& url)
+        {
+            return toCallback() ? client.get(url, options, callback)
+                                : client.get(url, &sink, "onResult", options);
+        }
+        void* head(const TrelUrl& url)
+        {
+            return toCallback() ? client.head(url, options, callback)
+                                : client.head(url, &sink, "onResult", options);
+        }
         // 0 POST, 1 PUT, 2 DELETE, 3 PATCH, 4 postFile.
-        auto withBody = [&](int method, const TrelUrl& url, const QByteArray& data) -> void* {
-            const bool cb = request.callback;
+        void* withBody(int method, const TrelUrl& url, const QByteArray& data)
+        {
+            const bool cb = toCallback();
             switch (method) {
             case 0:
                 return cb ? client.post(url, data, options, callback)
@@ -576,67 +571,116 @@ private:
                 return cb ? client.postFile(url, data, options, callback)
                           : client.postFile(url, data, &sink, "onResult", options);
             }
-        };
+        }
+        void* form(const TrelUrl& url, const QList<QPair<QString, QString>>& fields)
+        {
+            return toCallback() ? client.postForm(url, fields, options, callback)
+                                : client.postForm(url, fields, &sink, "onResult", options);
+        }
+        void* postStream(const TrelUrl& url, const QSharedPointer<HttpClientQueue>& queue)
+        {
+            return toCallback() ? client.postStream(url, queue, options, callback)
+                                : client.postStream(url, queue, &sink, "onResult", options);
+        }
+    };
 
+    // Starts the next request on a random client (or on `forcedSlot`, which
+    // takes slot results) and tracks it until its one result.
+    void issue(int forcedSlot = -1)
+    {
+        const int index = static_cast<int>(issued++);
+        const int slot = forcedSlot >= 0 ? forcedSlot : pick(config.clients);
+        ClientSlot& c = clients[static_cast<size_t>(slot)];
+        Live request;
+        request.slot = slot;
+        request.generation = c.generation;
+        request.callback = forcedSlot < 0 && pick(2) == 0;
+        HttpClientOptions options;
+        options.setUserData(HttpClientPrivate(index));
+        options.setVerifyPeer(false); // nginx's self-signed certificate
+        options.setTimeoutMs(kSafetyTimeoutMs);
+        Outgoing out { *c.client, request, options,
+            [this, index](const HttpClientResult& r) { onResult(index, r.status, r.code, r.body); }, sink };
+        bool cacheable = false;
+        void* const id = send(out, c.http2, cacheable);
+        track(index, request, id, cacheable && c.cache);
+    }
+
+    // Picks what to send, mostly by a roll of the dice, and sends it.
+    void* send(Outgoing& out, bool http2, bool& cacheable)
+    {
+        const bool viaNginx = pick(2) == 0;
+        const QByteArray& nginx = http2 ? nginxTls : nginxPlain;
+        const QByteArray& server = viaNginx ? nginx : loopback;
+        Live& request = out.request;
         const int roll = pick(100);
         if (roll < 14) { // static files, the cacheable one most often
             const int which = pick(4);
             if (which < 2) {
                 request.kind = Kind::Cache;
                 cacheable = true;
-                id = get(at(nginx, "/cache/1k?v=" + QByteArray::number(pick(64))));
-            } else {
-                id = get(at(nginx, which == 2 ? "/files/index.html" : "/files/missing"));
+                return out.get(at(nginx, "/cache/1k?v=" + QByteArray::number(pick(64))));
             }
-        } else if (roll < 24) { // the loopback server's generated answers
+            return out.get(at(nginx, which == 2 ? "/files/index.html" : "/files/missing"));
+        }
+        if (roll < 24) { // the loopback server's generated answers
             static const char* const paths[]
                 = { "/bytes/3000", "/status/503", "/redirect/3", "/gzip", "/chunked/20000", "/status/204" };
-            id = get(at(loopback, paths[pick(6)]));
-        } else if (roll < 30) {
-            id = request.callback ? client.head(at(server, "/files/1k"), options, callback)
-                                  : client.head(at(server, "/files/1k"), &sink, "onResult", options);
-        } else if (roll < 52) { // POST, PUT, DELETE, PATCH with a body that comes back
+            return out.get(at(loopback, paths[pick(6)]));
+        }
+        if (roll < 30) {
+            return out.head(at(server, "/files/1k"));
+        }
+        if (roll < 52) { // POST, PUT, DELETE, PATCH with a body that comes back
             const QByteArray data = body(8192);
             request.kind = Kind::Echo;
             request.length = data.size();
             request.checksum = qHash(data);
-            id = withBody(pick(4), at(server, "/echo"), data);
-        } else if (roll < 59) {
+            return out.withBody(pick(4), at(server, "/echo"), data);
+        }
+        if (roll < 59) {
             QList<QPair<QString, QString>> fields;
             for (int i = pick(4); i >= 0; --i) {
                 fields.append({ QStringLiteral("field%1").arg(i), QString::fromLatin1(body(300).toHex()) });
             }
-            const TrelUrl url = at(server, viaNginx ? "/upload" : "/echo");
-            id = request.callback ? client.postForm(url, fields, options, callback)
-                                  : client.postForm(url, fields, &sink, "onResult", options);
-        } else if (roll < 67) {
-            id = withBody(4, at(server, viaNginx ? "/upload" : "/echo"), body(16384));
-        } else if (roll < 79) {
-            id = stream(client, request, options, callback, server);
-        } else if (roll < 87) { // timeouts: a server that never answers, or answers late
-            options.setTimeoutMs(20 + pick(180));
+            return out.form(at(server, viaNginx ? "/upload" : "/echo"), fields);
+        }
+        if (roll < 67) {
+            return out.withBody(4, at(server, viaNginx ? "/upload" : "/echo"), body(16384));
+        }
+        if (roll < 79) {
+            return stream(out, server);
+        }
+        if (roll < 87) { // timeouts: a server that never answers, or answers late
+            out.options.setTimeoutMs(20 + pick(180));
             if (pick(2) == 0) {
                 request.kind = Kind::Stall;
-                id = get(at(loopback, "/stall"));
-            } else {
-                id = get(at(loopback, "/slow/" + QByteArray::number(pick(300))));
+                return out.get(at(loopback, "/stall"));
             }
-        } else if (roll < 91) {
-            static const char* const faults[] = { "/fault/reset", "/fault/close", "/fault/truncate" };
-            id = get(at(loopback, faults[pick(3)]));
-        } else { // plain GETs that finish at once
-            id = get(at(server, viaNginx ? "/files/1k" : "/bytes/1024"));
+            return out.get(at(loopback, "/slow/" + QByteArray::number(pick(300))));
         }
+        if (roll < 91) {
+            static const char* const faults[] = { "/fault/reset", "/fault/close", "/fault/truncate" };
+            return out.get(at(loopback, faults[pick(3)]));
+        }
+        // plain GETs that finish at once
+        return out.get(at(server, viaNginx ? "/files/1k" : "/bytes/1024"));
+    }
 
+    // Expects one result for a started request (a refused one expects none,
+    // unless the cache answered it) and plans a cancel for some.
+    void track(int index, const Live& started, void* id, bool servedByCache)
+    {
         Tally& t = tally[static_cast<size_t>(index)];
         if (!id) {
-            if (!(cacheable && c.cache)) {
+            if (!servedByCache) {
                 ++refused; // no result may follow
                 return;
             }
             ++cacheHits;
         }
         t.expected = true;
+        Live request = started;
         request.id = id;
         const int plan = pick(100);
         if (id && plan < 5) {
@@ -657,8 +701,7 @@ private:
 
     // A streamed body: fed on this thread before or after the call, by a
     // producer thread with pauses, or by one that stalls past the timeout.
-    void* stream(HttpClient& client, Live& request, HttpClientOptions& options,
-        const HttpClient::Callback& callback, const QByteArray& server)
+    void* stream(Outgoing& out, const QByteArray& server)
     {
         auto queue = QSharedPointer<HttpClientQueue>::create();
         QList<QByteArray> chunks;
@@ -672,11 +715,11 @@ private:
         const int how = pick(10);
         const bool stalls = how == 0;
         if (stalls) {
-            options.setTimeoutMs(30 + pick(150));
+            out.options.setTimeoutMs(30 + pick(150));
         } else {
-            request.kind = Kind::Echo;
-            request.length = all.size();
-            request.checksum = qHash(all);
+            out.request.kind = Kind::Echo;
+            out.request.length = all.size();
+            out.request.checksum = qHash(all);
         }
         if (how == 1) {
             for (const QByteArray& chunk : chunks) {
@@ -684,9 +727,7 @@ private:
             }
             queue->close();
         }
-        const TrelUrl url = at(server, "/echo");
-        void* const id = request.callback ? client.postStream(url, queue, options, callback)
-                                          : client.postStream(url, queue, &sink, "onResult", options);
+        void* const id = out.postStream(at(server, "/echo"), queue);
         if (how == 2) {
             for (const QByteArray& chunk : chunks) {
                 queue->append(chunk);
