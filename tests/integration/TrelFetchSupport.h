@@ -4,6 +4,8 @@
 // and what it wrote and returned; also its peak memory, measured by the
 // harness from the kernel's accounting of the child as it exits.
 
+#include "LocalServers.h"
+
 #include <QByteArray>
 #include <QDir>
 #include <QFile>
@@ -97,15 +99,7 @@ inline long peakRssKbOf(pid_t pid)
 // ru_maxrss of a forked child also counts the test process it was forked from.
 inline MeasuredRun runMeasured(const QStringList& arguments, const QString& outPath, const QString& errPath)
 {
-    std::vector<QByteArray> storage { QByteArray(TREL_FETCH_PATH) };
-    for (const QString& argument : arguments) {
-        storage.push_back(argument.toLocal8Bit());
-    }
-    std::vector<char*> argv;
-    for (QByteArray& argument : storage) {
-        argv.push_back(argument.data());
-    }
-    argv.push_back(nullptr);
+    const ExecArguments exec(QString::fromLocal8Bit(TREL_FETCH_PATH), arguments);
     const QByteArray out = outPath.toLocal8Bit();
     const QByteArray err = errPath.toLocal8Bit();
     MeasuredRun measured;
@@ -121,7 +115,7 @@ inline MeasuredRun runMeasured(const QStringList& arguments, const QString& outP
         ::dup2(errFd, STDERR_FILENO);
         ::dup2(nullFd, STDIN_FILENO);
         ::ptrace(PTRACE_TRACEME, 0, nullptr, nullptr);
-        ::execv(argv[0], argv.data()); // stops with SIGTRAP once the new program is loaded
+        ::execv(exec.program(), exec.argv()); // stops with SIGTRAP once the new program is loaded
         ::_exit(127);
     }
     int status = 0;

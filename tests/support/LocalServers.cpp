@@ -57,17 +57,21 @@ bool waitUntilListening(quint16 port, int timeoutMs)
 
 // ---------------------------------------------------------------------------
 
-bool ChildProcess::start(const QString& program, const QStringList& arguments, const QString& logPath)
+ExecArguments::ExecArguments(const QString& program, const QStringList& arguments)
 {
-    std::vector<QByteArray> storage { program.toLocal8Bit() };
+    storage.push_back(program.toLocal8Bit());
     for (const QString& argument : arguments) {
         storage.push_back(argument.toLocal8Bit());
     }
-    std::vector<char*> argv;
     for (QByteArray& item : storage) {
-        argv.push_back(item.data());
+        pointers.push_back(item.data());
     }
-    argv.push_back(nullptr);
+    pointers.push_back(nullptr);
+}
+
+bool ChildProcess::start(const QString& program, const QStringList& arguments, const QString& logPath)
+{
+    const ExecArguments exec(program, arguments);
     const QByteArray log = logPath.toLocal8Bit();
     childPid = ::fork();
     if (childPid == 0) {
@@ -78,7 +82,7 @@ bool ChildProcess::start(const QString& program, const QStringList& arguments, c
         }
         const int in = ::open("/dev/null", O_RDONLY);
         ::dup2(in, STDIN_FILENO);
-        ::execv(argv[0], argv.data());
+        ::execv(exec.program(), exec.argv());
         ::_exit(127);
     }
     return childPid > 0;

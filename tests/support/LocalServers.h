@@ -12,8 +12,26 @@
 #include <sys/types.h>
 
 #include <memory>
+#include <vector>
 
 namespace trel::test {
+
+// The argument vector of an execv() call, built from Qt strings before fork()
+// (nothing is allocated in the child) and kept alive as long as the holder.
+class ExecArguments
+{
+public:
+    ExecArguments(const QString& program, const QStringList& arguments);
+    ExecArguments(const ExecArguments&) = delete;
+    ExecArguments& operator=(const ExecArguments&) = delete;
+
+    const char* program() const { return pointers.front(); }
+    char* const* argv() const { return pointers.data(); }
+
+private:
+    std::vector<QByteArray> storage;
+    std::vector<char*> pointers; // into storage, null-terminated
+};
 
 // A loopback port that was free a moment ago.
 quint16 freeLoopbackPort();
