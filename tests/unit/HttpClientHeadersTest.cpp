@@ -162,6 +162,56 @@ TEST(HttpClientHeaders, AByteOrderMarkDoesNotSwitchTheBlockToUtf16)
     EXPECT_EQ(headers.headers().size(), 2);
 }
 
+// Every line decoded as UTF-8, cut at its first colon, the name kept as
+// written and the value trimmed by QString: what any line must parse to.
+HttpClientHeaders decodedLineByLine(const QList<QByteArray>& lines)
+{
+    HttpClientHeaders expected;
+    for (const QByteArray& line : lines) {
+        const QString decoded = QString::fromUtf8(line);
+        const int colon = decoded.indexOf(QLatin1Char(':'));
+        if (colon >= 1) {
+            expected.insert(decoded.left(colon), decoded.mid(colon + 1).trimmed());
+        }
+    }
+    return expected;
+}
+
+TEST(HttpClientHeaders, AsciiAndUtf8LinesParseAsIfEachWereDecodedWhole)
+{
+    const QList<QByteArray> lines = {
+        "HTTP/1.1 200 OK",
+        "Content-Type: text/plain",
+        "x-already-lower:\t\v\f spaced value \t",
+        "MiXeD-CaSe-Name:value:with:colons",
+        "Empty-Value:",
+        "Only-Blanks: \t ",
+        "X-Utf8: gr\xc3\xbc\xc3\x9f dich ",
+        "X-Na\xc3\xafve: v",
+        "X-Broken: \xff\xfe",
+        "X-Latin1-Space:\xc2\xa0kept?\xc2\xa0",
+        " Leading-Blank: name keeps it",
+        ": no name",
+        "no colon at all",
+    };
+    const HttpClientHeaders parsed(lines.join("\r\n") + "\r\n\r\n");
+    EXPECT_EQ(parsed.headers(), decodedLineByLine(lines).headers());
+    EXPECT_EQ(parsed.value("x-utf8", QString()), QString::fromUtf8("gr\xc3\xbc\xc3\x9f dich"));
+    EXPECT_EQ(parsed.value("MIXED-CASE-NAME", QString()), "value:with:colons");
+    EXPECT_EQ(parsed.value("X-ALREADY-LOWER", QString()), "spaced value");
+    EXPECT_TRUE(parsed.contains("empty-value"));
+    EXPECT_EQ(parsed.value("only-blanks", QStringLiteral("absent")), "");
+}
+
+TEST(HttpClientHeaders, AnAsciiNameMatchesItsUtf8SpellingInAnyCase)
+{
+    const HttpClientHeaders parsed(QByteArray("Content-TYPE: a\r\nCONTENT-type: b\r\n"));
+    const auto all = parsed.headers();
+    ASSERT_EQ(all.size(), 1);
+    EXPECT_EQ(all.begin().key(), "CONTENT-type"); // the form last written
+    EXPECT_EQ(all.begin().value(), "b");
+}
+
 TEST(HttpClientHeaders, AbsentNameGivesNullWithFlagOrTheDefault)
 {
     const HttpClientHeaders headers({ { "A", "1" } });

@@ -39,13 +39,79 @@ HttpClientHeaders::HttpClientHeaders(const QByteArray& rawBlock)
         if (length > 0 && text[start + length - 1] == '\r') {
             --length;
         }
-        const QString line = QString::fromUtf8(text + start, length);
+        const char* const line = text + start;
         start = end + 1;
-        const int colon = line.indexOf(QLatin1Char(':'));
+        if (isAscii(line, length)) {
+            insertAsciiLine(line, length);
+            continue;
+        }
+        const QString decoded = QString::fromUtf8(line, length);
+        const int colon = decoded.indexOf(QLatin1Char(':'));
         if (colon >= 1) { // skips status lines, blank lines, lines starting with a colon
-            insert(line.left(colon), line.mid(colon + 1).trimmed());
+            insert(decoded.left(colon), decoded.midRef(colon + 1).trimmed().toString());
         }
     }
+}
+
+// Nearly every received line is ASCII: its bytes are its characters, so it is
+// cut and lower-cased on bytes, with one string made per part instead of a
+// decoded line and copies cut from it. Same result as the decoding path.
+void HttpClientHeaders::insertAsciiLine(const char* line, int length)
+{
+    const char* const colon = static_cast<const char*>(std::memchr(line, ':', static_cast<size_t>(length)));
+    if (colon == nullptr || colon == line) {
+        return; // a status line, a blank line or a line starting with a colon
+    }
+    const int nameLength = static_cast<int>(colon - line);
+    const char* valueStart = colon + 1;
+    const char* valueEnd = line + length;
+    while (valueStart < valueEnd && isAsciiSpace(*valueStart)) {
+        ++valueStart;
+    }
+    while (valueEnd > valueStart && isAsciiSpace(valueEnd[-1])) {
+        --valueEnd;
+    }
+    const QString name = QString::fromLatin1(line, nameLength);
+    Header& entry = entries[asciiLowerKey(name, line, nameLength)];
+    entry.name = name;
+    entry.value = QString::fromLatin1(valueStart, static_cast<int>(valueEnd - valueStart));
+}
+
+bool HttpClientHeaders::isAscii(const char* text, int length)
+{
+    for (int i = 0; i < length; ++i) {
+        if (static_cast<unsigned char>(text[i]) >= 0x80) {
+            return false;
+        }
+    }
+    return true;
+}
+
+// The white space QString::trimmed removes, as far as ASCII goes.
+bool HttpClientHeaders::isAsciiSpace(char c)
+{
+    return c == ' ' || (c >= '\t' && c <= '\r');
+}
+
+// The name itself when it has no capital letter (every HTTP/2 name), so the key
+// shares its text.
+QString HttpClientHeaders::asciiLowerKey(const QString& name, const char* text, int length)
+{
+    int firstCapital = 0;
+    while (firstCapital < length && !(text[firstCapital] >= 'A' && text[firstCapital] <= 'Z')) {
+        ++firstCapital;
+    }
+    if (firstCapital == length) {
+        return name;
+    }
+    QString key = name;
+    QChar* const characters = key.data(); // the one copy
+    for (int i = firstCapital; i < length; ++i) {
+        if (text[i] >= 'A' && text[i] <= 'Z') {
+            characters[i] = QLatin1Char(static_cast<char>(text[i] - 'A' + 'a'));
+        }
+    }
+    return key;
 }
 
 void HttpClientHeaders::insert(const QString& name, const QString& value)
