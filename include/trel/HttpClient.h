@@ -28,6 +28,7 @@
 #include <curl/curl.h>
 
 #include <cstddef>
+#include <deque>
 #include <functional>
 #include <vector>
 
@@ -493,6 +494,9 @@ private:
     QSharedPointer<HttpClientTransfer> createTransfer(
         TrelUrl url, HttpMethod method, const HttpClientOptions& options, const Reply& reply);
     void notifyCaller(const Reply& reply, const HttpClientResult& result, const HttpClientPrivate& context);
+    void queueCallback(const HttpClientResult& result, const Callback& callback);
+    void postCallbackDelivery();
+    void deliverQueuedCallbacks();
     // Every connection goes through here: a connection Qt refuses (unknown
     // signal or slot, unregistered queued argument type) is a contract violation.
     void connectVerified(
@@ -504,6 +508,7 @@ private:
     void harvestFinishedTransfers();
     void* registerTransfer(const QSharedPointer<HttpClientTransfer>& transfer, bool immediateRead);
     QSharedPointer<HttpClientTransfer> takeTransfer(void* id);
+    void recycleHandle(HttpClientTransfer& transfer);
     // Logs and answers false when called off the client's thread.
     bool onOwnThread(const char* operation) const;
 
@@ -530,6 +535,19 @@ private:
     // leaves `transfers` is gone from here too; the sweep drops expired entries.
     std::vector<QWeakPointer<HttpClientTransfer>> immediateReadTransfers;
     HttpClientCache cache;
+    // Easy handles of ended transfers, reset, for the next requests: making and
+    // freeing a handle per request cost more than resetting one.
+    std::vector<HttpClientTransfer::EasyHandle> spareHandles;
+    // Results waiting for their callbacks, in the order they were reported. One
+    // posted event delivers all of them, so a socket action that finishes many
+    // transfers wakes the event loop once, not once per result.
+    struct QueuedCallback
+    {
+        HttpClientResult result;
+        Callback callback;
+    };
+    std::deque<QueuedCallback> queuedCallbacks;
+    bool callbackDeliveryPosted = false;
 };
 
 Q_DECLARE_METATYPE(HttpClient::Callback)

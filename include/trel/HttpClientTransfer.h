@@ -100,6 +100,19 @@ public:
     /// \param callback receives every report.
     HttpClientTransfer(int httpVersion, const TrelUrl& url, int method, const HttpClientOptions& options,
         Completion callback);
+
+    /// Frees an easy handle; the one release path of a handle nobody else owns.
+    struct EasyCleanup
+    {
+        void operator()(CURL* easy) const { curl_easy_cleanup(easy); }
+    };
+    /// Sole owner of one easy handle.
+    using EasyHandle = std::unique_ptr<CURL, EasyCleanup>;
+
+    /// As the constructor above, on \p reused: a handle given back by releaseHandle()
+    /// of an earlier transfer (reset to libcurl's defaults), or null for a new one.
+    HttpClientTransfer(int httpVersion, const TrelUrl& url, int method, const HttpClientOptions& options,
+        Completion callback, EasyHandle reused);
     /// Adopts the easy handle of an HTTP/2 pushed stream, already part of `multi`.
     /// The transfer is active at once (never call start()), takes ownership of
     /// \p easy and uses only the read size limit and immediate read of \p options.
@@ -123,6 +136,12 @@ public:
     /// The easy handle (a `CURL*`), owned by the transfer; null when libcurl
     /// could not make one.
     void* handle();
+
+    /// Gives up the easy handle of a transfer that is no longer active (finished
+    /// or cancelled), reset to libcurl's defaults so that a later transfer can
+    /// use it; null while the transfer is active. The handle keeps nothing of
+    /// this request: no option, no callback, no pointer into this object.
+    EasyHandle releaseHandle();
 
     /// Sends a copy of \p data as the request body, with its length. Call before start().
     /// \return false (an ERROR log line) for a GET or HEAD transfer.
@@ -187,10 +206,6 @@ public:
 private:
     friend class HttpClientTransferTestAccess; // white-box checks of buffers and holders
 
-    struct EasyCleanup
-    {
-        void operator()(CURL* easy) const { curl_easy_cleanup(easy); }
-    };
     struct SlistFree
     {
         void operator()(curl_slist* list) const { curl_slist_free_all(list); }
@@ -209,7 +224,7 @@ private:
     // Why libcurl ended the transfer with `result`, in words for the caller.
     QString failureReason(CURLcode result) const;
 
-    std::unique_ptr<CURL, EasyCleanup> easy;
+    EasyHandle easy;
     std::unique_ptr<curl_slist, SlistFree> headerList;
     TrelUrl url;
     int method = 0;

@@ -787,6 +787,71 @@ TEST_F(HttpClientRequest, TwoResultsForOneReceiverArriveInTheOrderQueued)
     EXPECT_EQ(receiver.results()[1].body, "/first");
 }
 
+// Cache hits are queued back to back inside one turn: the callbacks of one
+// delivery run in that order, each once, even when the first one runs a nested
+// event loop, which delivers the rest from inside it.
+TEST_F(HttpClientRequest, CallbacksQueuedTogetherArriveInOrderThroughANestedEventLoop)
+{
+    server().setHandler([](const RecordedRequest& request) {
+        auto response = ScriptedResponse::ok(request.target);
+        response.addHeader("Cache-Control", "max-age=60");
+        return response;
+    });
+    client.setCacheSize(10000);
+    const QList<QByteArray> paths = { "/a", "/b", "/c", "/d" };
+    Results warm;
+    for (const QByteArray& path : paths) {
+        client.get(url(path), options, warm.callback());
+    }
+    ASSERT_TRUE(warm.waitFor(4));
+
+    std::vector<QByteArray> order;
+    bool nestedLoopDone = false;
+    const HttpClient::Callback nesting = [&](const HttpClientResult& result) {
+        order.push_back(result.body);
+        // The rest of the queue arrives while this callback is still running.
+        nestedLoopDone = waitFor([&] { return order.size() == 4; }, 5000);
+    };
+    const HttpClient::Callback plain = [&](const HttpClientResult& result) { order.push_back(result.body); };
+    EXPECT_EQ(client.get(url("/a"), options, nesting), nullptr);
+    for (const QByteArray& path : paths.mid(1)) {
+        EXPECT_EQ(client.get(url(path), options, plain), nullptr);
+    }
+    EXPECT_TRUE(order.empty());
+    ASSERT_TRUE(waitFor([&] { return order.size() >= 4; }));
+    trel::test::spinEventLoop(50);
+    EXPECT_TRUE(nestedLoopDone);
+    EXPECT_EQ(order, std::vector<QByteArray>(paths.begin(), paths.end()));
+}
+
+// The callbacks queued after the one that destroys the client are never called,
+// as with any event addressed to a destroyed object.
+TEST_F(HttpClientRequest, ACallbackThatDestroysTheClientEndsTheDeliveryOfTheRest)
+{
+    server().setHandler([](const RecordedRequest& request) {
+        auto response = ScriptedResponse::ok(request.target);
+        response.addHeader("Cache-Control", "max-age=60");
+        return response;
+    });
+    auto owned = std::make_unique<HttpClient>(nullptr, HttpClient::Http1, false);
+    owned->setCacheSize(10000);
+    Results warm;
+    owned->get(url("/x"), options, warm.callback());
+    ASSERT_TRUE(warm.waitFor(1));
+    int called = 0;
+    const HttpClient::Callback destroying = [&](const HttpClientResult&) {
+        ++called;
+        owned.reset();
+    };
+    const HttpClient::Callback counting = [&](const HttpClientResult&) { ++called; };
+    owned->get(url("/x"), options, destroying);
+    owned->get(url("/x"), options, counting);
+    owned->get(url("/x"), options, counting);
+    ASSERT_TRUE(waitFor([&] { return owned == nullptr; }));
+    trel::test::spinEventLoop(50);
+    EXPECT_EQ(called, 1);
+}
+
 TEST_F(HttpClientRequest, TwoRequestsForOneUrlGetTwoIdsAndTwoResults)
 {
     void* const a = client.get(url("/same"), options, results.callback());

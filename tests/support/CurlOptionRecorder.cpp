@@ -94,6 +94,7 @@ namespace {
 
 using EasySetopt = CURLcode (*)(CURL*, CURLoption, ...);
 using EasyCleanup = void (*)(CURL*);
+using EasyReset = void (*)(CURL*);
 using MultiSetopt = CURLMcode (*)(CURLM*, CURLMoption, ...);
 
 template <typename Function> Function nextSymbol(const char* name)
@@ -126,18 +127,32 @@ extern "C" __attribute__((visibility("default"))) CURLcode curl_easy_setopt(
     return real(handle, option, value);
 }
 
+namespace {
+void forgetHandle(CURL* handle)
+{
+    auto& store = trel::test::curlOptions::store();
+    std::lock_guard<std::mutex> lock(store.mutex);
+    for (auto it = store.easyOptions.begin(); it != store.easyOptions.end();) {
+        it = it->first.first == handle ? store.easyOptions.erase(it) : std::next(it);
+    }
+    store.easyCounts.erase(handle);
+}
+} // namespace
+
 // A cleaned-up handle's address may come back for the next handle: forget it.
 extern "C" __attribute__((visibility("default"))) void curl_easy_cleanup(CURL* handle)
 {
-    {
-        auto& store = trel::test::curlOptions::store();
-        std::lock_guard<std::mutex> lock(store.mutex);
-        for (auto it = store.easyOptions.begin(); it != store.easyOptions.end();) {
-            it = it->first.first == handle ? store.easyOptions.erase(it) : std::next(it);
-        }
-        store.easyCounts.erase(handle);
-    }
+    forgetHandle(handle);
     static const EasyCleanup real = nextSymbol<EasyCleanup>("curl_easy_cleanup");
+    real(handle);
+}
+
+// A reset handle is reused for the next request with libcurl's defaults: what
+// was set for the previous one no longer applies.
+extern "C" __attribute__((visibility("default"))) void curl_easy_reset(CURL* handle)
+{
+    forgetHandle(handle);
+    static const EasyReset real = nextSymbol<EasyReset>("curl_easy_reset");
     real(handle);
 }
 

@@ -40,6 +40,12 @@ public:
     static void* idOfHandle(HttpClient& c, CURL* easy) { return c.idsByHandle.value(easy); }
     static size_t immediateReadEntries(HttpClient& c) { return c.immediateReadTransfers.size(); }
     static void timerFired(HttpClient& c) { c.on_timer_timeout(); }
+    static size_t spareHandles(HttpClient& c) { return c.spareHandles.size(); }
+    static void* handleOf(HttpClient& c, void* id)
+    {
+        const auto transfer = c.transfers.value(id);
+        return transfer ? transfer->handle() : nullptr;
+    }
 };
 
 namespace {
@@ -501,6 +507,45 @@ TEST(HttpClientSweep, OnlyImmediateReadTransfersAreListedAndLeftOnesAreDroppedBy
     Access::timerFired(client);
     EXPECT_EQ(Access::immediateReadEntries(client), 0U);
     EXPECT_EQ(Access::transferCount(client), 200);
+}
+
+TEST(HttpClientHandles, AnEndedRequestsHandleServesTheNextRequestConfiguredAfresh)
+{
+    HttpClient client;
+    HttpClientOptions withHeader;
+    withHeader.setHeaders({ { QStringLiteral("X-First"), QStringLiteral("1") } });
+    const auto ignore = [](const HttpClientResult&) {};
+    void* const first
+        = client.post(TrelUrl(QStringLiteral("http://127.0.0.1:9/first")), "body", withHeader, ignore);
+    void* const handle = Access::handleOf(client, first);
+    ASSERT_NE(handle, nullptr);
+    EXPECT_EQ(Access::spareHandles(client), 0U);
+    ASSERT_TRUE(client.cancel(first));
+    EXPECT_EQ(Access::spareHandles(client), 1U);
+
+    void* const second = client.get(TrelUrl(QStringLiteral("http://127.0.0.1:9/second")), {}, ignore);
+    EXPECT_EQ(Access::handleOf(client, second), handle);
+    EXPECT_EQ(Access::spareHandles(client), 0U);
+    EXPECT_EQ(curlOptions::easy(handle, CURLOPT_URL)->text, "http://127.0.0.1:9/second");
+    EXPECT_FALSE(curlOptions::easy(handle, CURLOPT_HTTPHEADER).has_value());
+    EXPECT_FALSE(curlOptions::easy(handle, CURLOPT_POSTFIELDS).has_value());
+    // A new request while the handle is busy gets a handle of its own.
+    void* const third = client.get(TrelUrl(QStringLiteral("http://127.0.0.1:9/third")), {}, ignore);
+    EXPECT_NE(Access::handleOf(client, third), handle);
+}
+
+TEST(HttpClientHandles, AtMostTwoHundredFiftySixSpareHandlesAreKept)
+{
+    HttpClient client;
+    const auto ignore = [](const HttpClientResult&) {};
+    std::vector<void*> ids;
+    for (int i = 0; i < 300; ++i) {
+        ids.push_back(client.get(TrelUrl(QStringLiteral("http://127.0.0.1:9/")), {}, ignore));
+    }
+    for (void* const id : ids) {
+        ASSERT_TRUE(client.cancel(id));
+    }
+    EXPECT_EQ(Access::spareHandles(client), 256U);
 }
 
 TEST(HttpClientCacheControl, SetCacheSizeAndClearForwardToTheCache)

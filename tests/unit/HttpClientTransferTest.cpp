@@ -806,6 +806,57 @@ TEST(HttpClientTransferLifecycle, DestroyingAnActiveTransferReportsItCancelled)
     curl_multi_cleanup(multi);
 }
 
+TEST(HttpClientTransferLifecycle, AnActiveTransferKeepsItsHandleAnEndedOneGivesItUpReset)
+{
+    TransferFactory factory;
+    CURLM* const multi = curl_multi_init();
+    HttpClientOptions withHeader;
+    withHeader.setHeaders({ { QStringLiteral("X-First"), QStringLiteral("1") } });
+    withHeader.setTimeoutMs(1234);
+    auto first = factory.make(HttpClient::Post, withHeader, HttpClient::Http1, "http://127.0.0.1:9/first");
+    ASSERT_TRUE(first->setDataToUpload(QByteArray("body")));
+    CURL* const handle = static_cast<CURL*>(first->handle());
+    first->start(multi);
+    EXPECT_FALSE(first->releaseHandle()); // libcurl still drives it
+    EXPECT_EQ(first->handle(), handle);
+    first->cancel();
+    HttpClientTransfer::EasyHandle released = first->releaseHandle();
+    ASSERT_EQ(released.get(), handle);
+    EXPECT_EQ(first->handle(), nullptr);
+    EXPECT_EQ(curlOptions::easyCount(handle), 0); // reset: nothing of the first request is left
+    first.reset(); // the ended transfer goes, the handle stays
+    ASSERT_EQ(factory.outcomes.size(), 1u);
+
+    const auto second = std::make_unique<HttpClientTransfer>(
+        HttpClient::Http1, TrelUrl::fromEncoded("http://127.0.0.1:9/second"), HttpClient::Get,
+        HttpClientOptions(), [](HttpClientStatus, long, QByteArray, HttpClientHeaders) {},
+        std::move(released));
+    ASSERT_EQ(second->handle(), handle);
+    EXPECT_EQ(curlOptions::easy(handle, CURLOPT_URL)->text, "http://127.0.0.1:9/second");
+    EXPECT_FALSE(curlOptions::easy(handle, CURLOPT_HTTPHEADER).has_value());
+    EXPECT_FALSE(curlOptions::easy(handle, CURLOPT_TIMEOUT_MS).has_value());
+    EXPECT_FALSE(curlOptions::easy(handle, CURLOPT_POST).has_value());
+    EXPECT_EQ(curlOptions::easy(handle, CURLOPT_WRITEDATA)->value,
+        reinterpret_cast<std::intptr_t>(&Access::buffer(*second)));
+    curl_multi_cleanup(multi);
+}
+
+TEST(HttpClientTransferLifecycle, AFinishedTransferGivesUpItsHandle)
+{
+    TransferFactory factory;
+    CURLM* const multi = curl_multi_init();
+    auto transfer = factory.make(HttpClient::Get);
+    transfer->start(multi);
+    CURLMsg message {};
+    message.msg = CURLMSG_DONE;
+    message.easy_handle = static_cast<CURL*>(transfer->handle());
+    message.data.result = CURLE_OK;
+    transfer->finish(&message);
+    EXPECT_NE(transfer->releaseHandle(), nullptr);
+    EXPECT_EQ(transfer->releaseHandle(), nullptr); // given up once
+    curl_multi_cleanup(multi);
+}
+
 TEST(HttpClientTransferLifecycle, StartingTwiceIsFatalAndChangesNothing)
 {
     TransferFactory factory;

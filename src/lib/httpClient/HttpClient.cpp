@@ -12,6 +12,10 @@ const log4cplus::Logger logger = trel::log::libraryLogger();
 // Idle writable sockets wake the loop at most once per this interval.
 constexpr int kWriteNotifierBlockMs = 50;
 
+// Most spare easy handles kept for reuse: enough for hundreds of requests in
+// flight, while a burst of thousands does not keep its handles afterwards.
+constexpr std::size_t kMaxSpareHandles = 256;
+
 // A response to a request that carried credentials belongs to that user alone:
 // it is neither served from the cache nor stored in it.
 bool carriesCredentials(const HttpClientOptions& options)
@@ -303,7 +307,19 @@ void HttpClient::harvestFinishedTransfers()
             = takeTransfer(idsByHandle.value(message->easy_handle));
         if (transfer) {
             transfer->finish(message);
+            recycleHandle(*transfer);
         }
+    }
+}
+
+void HttpClient::recycleHandle(HttpClientTransfer& transfer)
+{
+    if (spareHandles.size() >= kMaxSpareHandles) {
+        return; // freed with the transfer
+    }
+    HttpClientTransfer::EasyHandle handle = transfer.releaseHandle();
+    if (handle) {
+        spareHandles.push_back(std::move(handle));
     }
 }
 
@@ -388,8 +404,13 @@ QSharedPointer<HttpClientTransfer> HttpClient::createTransfer(
     if (encodePlusSign) {
         url.setEncodedQuery(url.encodedQuery().replace("+", "%2B"));
     }
-    const auto transfer = QSharedPointer<HttpClientTransfer>::create(
-        static_cast<int>(httpVersion), url, static_cast<int>(method), options, std::move(completion));
+    HttpClientTransfer::EasyHandle spare;
+    if (!spareHandles.empty()) {
+        spare = std::move(spareHandles.back());
+        spareHandles.pop_back();
+    }
+    const auto transfer = QSharedPointer<HttpClientTransfer>::create(static_cast<int>(httpVersion), url,
+        static_cast<int>(method), options, std::move(completion), std::move(spare));
     if (!transfer->handle()) {
         TREL_ERROR("Failed to create curl easy handle!");
         return {};
@@ -521,6 +542,7 @@ bool HttpClient::cancel(void* id)
         return false;
     }
     transfer->cancel(); // reports Error/-1; the delivery is queued
+    recycleHandle(*transfer);
     return true;
 }
 
@@ -565,11 +587,48 @@ void HttpClient::notifyCaller(
         return;
     }
     if (reply.callback) {
-        QMetaObject::invokeMethod(this, "on_notifyCaller_sync", Qt::QueuedConnection,
-            QArgument<HttpClientResult>("HttpClient::Result", result),
-            QArgument<Callback>("HttpClient::Callback", reply.callback));
+        queueCallback(result, reply.callback);
     }
     // No destination: the result is dropped.
+}
+
+// Callback results wait in one queue and one queued call delivers them all, in
+// the order they were reported. Looking the delivery slot up by name and
+// posting an event for every result cost a wake-up of the event loop each.
+void HttpClient::queueCallback(const HttpClientResult& result, const Callback& callback)
+{
+    queuedCallbacks.push_back(QueuedCallback { result, callback });
+    postCallbackDelivery();
+}
+
+void HttpClient::postCallbackDelivery()
+{
+    if (!callbackDeliveryPosted) {
+        callbackDeliveryPosted = true;
+        QMetaObject::invokeMethod(this, &HttpClient::deliverQueuedCallbacks, Qt::QueuedConnection);
+    }
+}
+
+// Runs from the event loop on the client's thread. A callback may issue or
+// cancel requests, destroy the client (the rest is then never delivered, as
+// with any event addressed to a destroyed object) or run a nested event loop:
+// while results wait behind it a delivery stays posted, so the nested loop
+// delivers them, in order.
+void HttpClient::deliverQueuedCallbacks()
+{
+    callbackDeliveryPosted = false;
+    const QPointer<HttpClient> alive(this);
+    while (!queuedCallbacks.empty()) {
+        QueuedCallback next = std::move(queuedCallbacks.front());
+        queuedCallbacks.pop_front();
+        if (!queuedCallbacks.empty()) {
+            postCallbackDelivery();
+        }
+        on_notifyCaller_sync(next.result, std::move(next.callback));
+        if (!alive) {
+            return;
+        }
+    }
 }
 
 void HttpClient::on_notifyCaller_sync(const HttpClient::Result& result, HttpClient::Callback callback)

@@ -180,7 +180,13 @@ QString HttpClientTransfer::File::fileName()
 
 HttpClientTransfer::HttpClientTransfer(
     int httpVersion, const TrelUrl& url, int method, const HttpClientOptions& options, Completion callback)
+    : HttpClientTransfer(httpVersion, url, method, options, std::move(callback), EasyHandle())
+{ }
+
+HttpClientTransfer::HttpClientTransfer(int httpVersion, const TrelUrl& url, int method,
+    const HttpClientOptions& options, Completion callback, EasyHandle reused)
     : QObject(nullptr)
+    , easy(std::move(reused))
     , url(url)
     , method(method)
     , options(options)
@@ -188,7 +194,9 @@ HttpClientTransfer::HttpClientTransfer(
 {
     receiveBuffer.sizeLimit = options.readSizeLimit();
     receiveBuffer.reserveAnnounced = !options.immediateRead() && method != kMethodHead;
-    easy.reset(curl_easy_init());
+    if (!easy) {
+        easy.reset(curl_easy_init());
+    }
     if (easy) {
         configure(httpVersion);
     }
@@ -319,6 +327,15 @@ HttpClientTransfer::~HttpClientTransfer()
 void* HttpClientTransfer::handle()
 {
     return easy.get();
+}
+
+HttpClientTransfer::EasyHandle HttpClientTransfer::releaseHandle()
+{
+    if (activeMulti || !easy) {
+        return EasyHandle();
+    }
+    curl_easy_reset(easy.get());
+    return std::move(easy);
 }
 
 // ---------------------------------------------------------------------------
