@@ -182,6 +182,11 @@ TEST(HttpClientHeaders, AsciiAndUtf8LinesParseAsIfEachWereDecodedWhole)
     const QList<QByteArray> lines = {
         "HTTP/1.1 200 OK",
         "Content-Type: text/plain",
+        "content-length: 5",
+        "ETAG: \"upper\"",
+        "Date: Mon, 23 Nov 2026 16:00:00 GMT",
+        "date: lower wins",
+        "X-TrelError: spelled like the library's own",
         "x-already-lower:\t\v\f spaced value \t",
         "MiXeD-CaSe-Name:value:with:colons",
         "Empty-Value:",

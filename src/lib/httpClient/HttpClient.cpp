@@ -20,8 +20,9 @@ constexpr std::size_t kMaxSpareHandles = 256;
 // it is neither served from the cache nor stored in it.
 bool carriesCredentials(const HttpClientOptions& options)
 {
+    // Names in lower case: matching without case then makes no new string.
     const HttpClientHeaders headers = options.headers();
-    return headers.contains(QStringLiteral("Authorization")) || headers.contains(QStringLiteral("Cookie"));
+    return headers.contains(QStringLiteral("authorization")) || headers.contains(QStringLiteral("cookie"));
 }
 } // namespace
 

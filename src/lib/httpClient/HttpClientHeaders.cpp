@@ -3,10 +3,71 @@
 #include "Log.h"
 
 #include <cstring>
+#include <vector>
 
 namespace {
 const char* const kLogFile = "src/lib/httpClient/HttpClientHeaders";
 const log4cplus::Logger logger = trel::log::libraryLogger();
+
+// A name most responses carry, spelled as servers send it, with its key.
+struct KnownName
+{
+    QByteArray spelled;
+    QByteArray lower;
+    QString name;
+    QString key;
+};
+
+// A line naming one of these, as spelled or in lower case (HTTP/2), shares
+// these strings instead of making a name and a key of its own. Built once,
+// never changed.
+const std::vector<KnownName>& knownNames()
+{
+    static const std::vector<KnownName> names = [] {
+        const char* const spellings[] = { "Accept-Ranges", "Access-Control-Allow-Origin", "Age",
+            "Cache-Control", "Connection", "Content-Disposition", "Content-Encoding", "Content-Language",
+            "Content-Length", "Content-Location", "Content-Range", "Content-Type", "Date", "ETag", "Expires",
+            "Keep-Alive", "Last-Modified", "Location", "Pragma", "Server", "Set-Cookie",
+            "Strict-Transport-Security", "Transfer-Encoding", "Vary", "Via", "WWW-Authenticate",
+            "X-Content-Type-Options", "X-Frame-Options", "X-TrelEfectiveUrl", "X-TrelError" };
+        std::vector<KnownName> list;
+        for (const char* const spelling : spellings) {
+            const QString name = QString::fromLatin1(spelling);
+            const QString key = name.toLower();
+            list.push_back(KnownName { QByteArray(spelling), key.toLatin1(), name, key });
+        }
+        return list;
+    }();
+    return names;
+}
+
+const KnownName* findKnownName(const char* text, int length, bool* lowerCase)
+{
+    for (const KnownName& known : knownNames()) {
+        if (known.spelled.size() != length) {
+            continue;
+        }
+        if (std::memcmp(known.spelled.constData(), text, static_cast<size_t>(length)) == 0) {
+            *lowerCase = false;
+            return &known;
+        }
+        if (std::memcmp(known.lower.constData(), text, static_cast<size_t>(length)) == 0) {
+            *lowerCase = true;
+            return &known;
+        }
+    }
+    return nullptr;
+}
+
+QString keyOf(const QString& name)
+{
+    for (const KnownName& known : knownNames()) {
+        if (known.name == name || known.key == name) {
+            return known.key;
+        }
+    }
+    return name.toLower();
+}
 } // namespace
 
 HttpClientHeaders::HttpClientHeaders(const QHash<QString, QString>& headers)
@@ -71,8 +132,11 @@ void HttpClientHeaders::insertAsciiLine(const char* line, int length)
     while (valueEnd > valueStart && isAsciiSpace(valueEnd[-1])) {
         --valueEnd;
     }
-    const QString name = QString::fromLatin1(line, nameLength);
-    Header& entry = entries[asciiLowerKey(name, line, nameLength)];
+    bool lowerCase = false;
+    const KnownName* const known = findKnownName(line, nameLength, &lowerCase);
+    const QString name
+        = known ? (lowerCase ? known->key : known->name) : QString::fromLatin1(line, nameLength);
+    Header& entry = entries[known ? known->key : asciiLowerKey(name, line, nameLength)];
     entry.name = name;
     entry.value = QString::fromLatin1(valueStart, static_cast<int>(valueEnd - valueStart));
 }
@@ -116,7 +180,7 @@ QString HttpClientHeaders::asciiLowerKey(const QString& name, const char* text, 
 
 void HttpClientHeaders::insert(const QString& name, const QString& value)
 {
-    Header& entry = entries[name.toLower()];
+    Header& entry = entries[keyOf(name)];
     entry.name = name;
     entry.value = value;
 }

@@ -47,6 +47,9 @@ constexpr long kImmediateReadBufferBytes = 64 * 1024;
 constexpr int kLargeUploadBytes = 1 << 20;
 constexpr long kUploadBufferBytes = 2L << 20;
 
+// Room reserved for the response's header lines at the first of them.
+constexpr int kHeaderBlockBytes = 1024;
+
 // Room reserved up front from Content-Length, at most: a larger body grows
 // from there like any other.
 constexpr std::int64_t kMaxReservedBody = std::int64_t(1) << 30;
@@ -229,7 +232,7 @@ void HttpClientTransfer::configure(int httpVersion)
         curl_easy_setopt(handle, CURLOPT_HTTPHEADER, headerList.get());
     }
     // A User-Agent of the caller's own goes out through the header list instead.
-    if (!options.headers().contains(QStringLiteral("User-Agent"))) {
+    if (!options.headers().contains(QStringLiteral("user-agent"))) { // any case; lower makes no copy
         curl_easy_setopt(handle, CURLOPT_USERAGENT, kUserAgent);
     }
     curl_easy_setopt(handle, CURLOPT_ERRORBUFFER, errorText.data());
@@ -493,6 +496,10 @@ size_t HttpClientTransfer::curlWriteHeader(void* data, size_t size, size_t count
     const size_t n = size * count;
     auto* const buffer = static_cast<ReceiveBuffer*>(receiveBuffer);
     const char* const line = static_cast<const char*>(data);
+    if (buffer->headerBlock.isEmpty()) {
+        // One allocation for a usual header block instead of one per few lines.
+        buffer->headerBlock.reserve(kHeaderBlockBytes);
+    }
     buffer->headerBlock.append(line, static_cast<int>(n));
     if (n > 5 && std::memcmp(line, "HTTP/", 5) == 0) {
         buffer->announcedLength = -1; // a new response: what an earlier one announced is void
