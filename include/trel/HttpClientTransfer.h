@@ -104,6 +104,7 @@ public:
     /// Frees an easy handle; the one release path of a handle nobody else owns.
     struct EasyCleanup
     {
+        /// Calls `curl_easy_cleanup` on \p easy.
         void operator()(CURL* easy) const { curl_easy_cleanup(easy); }
     };
     /// Sole owner of one easy handle.
