@@ -75,6 +75,16 @@ bool isSet(HttpClientTransfer& transfer, CURLoption option)
     return curlOptions::easy(transfer.handle(), option).has_value();
 }
 
+// Ends the transfer as libcurl's CURLMSG_DONE message for its handle would.
+void finishWith(HttpClientTransfer& transfer, CURLcode result)
+{
+    CURLMsg message {};
+    message.msg = CURLMSG_DONE;
+    message.easy_handle = static_cast<CURL*>(transfer.handle());
+    message.data.result = result;
+    transfer.finish(&message);
+}
+
 size_t feedBody(HttpClientTransfer& transfer, const QByteArray& bytes)
 {
     QByteArray copy = bytes;
@@ -780,10 +790,7 @@ TEST(HttpClientTransferLifecycle, CancelReportsErrorMinusOneOnceThenOnlyLogs)
         EXPECT_TRUE(factory.outcomes[0].body.isEmpty());
         EXPECT_TRUE(factory.outcomes[0].headers.headers().isEmpty());
         LogCapture capture;
-        CURLMsg message {};
-        message.msg = CURLMSG_DONE;
-        message.easy_handle = transfer->handle();
-        transfer->finish(&message);
+        finishWith(*transfer, CURLE_OK);
         transfer->cancel();
         EXPECT_EQ(capture.count("Transfer already finished"), 2);
         EXPECT_EQ(factory.outcomes.size(), 1u);
@@ -847,11 +854,7 @@ TEST(HttpClientTransferLifecycle, AFinishedTransferGivesUpItsHandle)
     CURLM* const multi = curl_multi_init();
     auto transfer = factory.make(HttpClient::Get);
     transfer->start(multi);
-    CURLMsg message {};
-    message.msg = CURLMSG_DONE;
-    message.easy_handle = static_cast<CURL*>(transfer->handle());
-    message.data.result = CURLE_OK;
-    transfer->finish(&message);
+    finishWith(*transfer, CURLE_OK);
     EXPECT_NE(transfer->releaseHandle(), nullptr);
     EXPECT_EQ(transfer->releaseHandle(), nullptr); // given up once
     curl_multi_cleanup(multi);
@@ -895,12 +898,8 @@ TEST(HttpClientTransferLifecycle, FinishMapsResultCodesToStatuses)
         transfer->start(multi);
         feedHeader(*transfer, "HTTP/1.1 200 OK\r\nX-B: 2\r\n\r\n");
         feedBody(*transfer, "body");
-        CURLMsg message {};
-        message.msg = CURLMSG_DONE;
-        message.easy_handle = transfer->handle();
-        message.data.result = code;
         LogCapture capture;
-        transfer->finish(&message);
+        finishWith(*transfer, code);
         ASSERT_EQ(factory.outcomes.size(), 1u);
         EXPECT_EQ(factory.outcomes[0].status, status) << code;
         EXPECT_EQ(factory.outcomes[0].body, "body");
