@@ -207,17 +207,24 @@ protected:
     HttpClientOptions options;
 };
 
-// The connection is made by a first request: a cold burst of a hundred once
-// ended with two connections under ThreadSanitizer on a loaded machine (the
-// cause, inside libcurl's wait for a connection that may multiplex, was not
-// found), while what is asserted here is that requests in flight together
-// share the connection they find.
+// Exactly one established connection to the server once the count has settled.
+// On a loaded machine an extra connection sometimes shows for a moment, during a
+// cold burst and during a warm one alike, and is gone within 100 ms (caught once
+// by a probe: 2, then 1 after 74 ms); the cause inside libcurl was not found. A
+// connection that carried requests stays in libcurl's pool for minutes, so a
+// count that settles at one still shows that the requests shared a connection.
+bool settlesAtOneConnection(unsigned short port)
+{
+    return waitFor([&] { return trel::test::establishedConnectionsTo(port) == 1; }, 2000);
+}
+
 TEST_F(Nghttpd, HundredConcurrentRequestsShareOneConnection)
 {
     HttpClient client(nullptr, HttpClient::Http2);
     client.get(url("/1k?n=first"), options, results.callback());
     ASSERT_TRUE(results.waitFor(1, 30000));
-    ASSERT_EQ(trel::test::establishedConnectionsTo(server->port()), 1);
+    ASSERT_TRUE(settlesAtOneConnection(server->port()))
+        << trel::test::establishedConnectionsTo(server->port());
     for (int i = 0; i < 100; ++i) {
         client.get(url("/1k?n=" + QByteArray::number(i)), options, results.callback());
     }
@@ -226,7 +233,8 @@ TEST_F(Nghttpd, HundredConcurrentRequestsShareOneConnection)
         EXPECT_EQ(result.status, HttpClientStatus::OK);
         EXPECT_EQ(result.body.size(), 1024);
     }
-    EXPECT_EQ(trel::test::establishedConnectionsTo(server->port()), 1);
+    EXPECT_TRUE(settlesAtOneConnection(server->port()))
+        << trel::test::establishedConnectionsTo(server->port());
 }
 
 TEST_F(Nghttpd, PushedStreamsReachThePushReceiver)
