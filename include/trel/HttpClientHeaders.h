@@ -67,9 +67,6 @@ public:
 
 private:
     void insertAsciiLine(const char* line, int length);
-    static bool isAscii(const char* text, int length);
-    static bool isAsciiSpace(char c);
-    static QString asciiLowerKey(const QString& name, const char* text, int length);
 
     QHash<QString, Header> entries;
 };

@@ -68,6 +68,43 @@ QString keyOf(const QString& name)
     }
     return name.toLower();
 }
+
+bool isAscii(const char* text, int length)
+{
+    for (int i = 0; i < length; ++i) {
+        if (static_cast<unsigned char>(text[i]) >= 0x80) {
+            return false;
+        }
+    }
+    return true;
+}
+
+// The white space QString::trimmed removes, as far as ASCII goes.
+bool isAsciiSpace(char c)
+{
+    return c == ' ' || (c >= '\t' && c <= '\r');
+}
+
+// The name itself when it has no capital letter (every HTTP/2 name), so the key
+// shares its text.
+QString asciiLowerKey(const QString& name, const char* text, int length)
+{
+    int firstCapital = 0;
+    while (firstCapital < length && !(text[firstCapital] >= 'A' && text[firstCapital] <= 'Z')) {
+        ++firstCapital;
+    }
+    if (firstCapital == length) {
+        return name;
+    }
+    QString key = name;
+    QChar* const characters = key.data(); // the one copy
+    for (int i = firstCapital; i < length; ++i) {
+        if (text[i] >= 'A' && text[i] <= 'Z') {
+            characters[i] = QLatin1Char(static_cast<char>(text[i] - 'A' + 'a'));
+        }
+    }
+    return key;
+}
 } // namespace
 
 HttpClientHeaders::HttpClientHeaders(const QHash<QString, QString>& headers)
@@ -139,43 +176,6 @@ void HttpClientHeaders::insertAsciiLine(const char* line, int length)
     Header& entry = entries[known ? known->key : asciiLowerKey(name, line, nameLength)];
     entry.name = name;
     entry.value = QString::fromLatin1(valueStart, static_cast<int>(valueEnd - valueStart));
-}
-
-bool HttpClientHeaders::isAscii(const char* text, int length)
-{
-    for (int i = 0; i < length; ++i) {
-        if (static_cast<unsigned char>(text[i]) >= 0x80) {
-            return false;
-        }
-    }
-    return true;
-}
-
-// The white space QString::trimmed removes, as far as ASCII goes.
-bool HttpClientHeaders::isAsciiSpace(char c)
-{
-    return c == ' ' || (c >= '\t' && c <= '\r');
-}
-
-// The name itself when it has no capital letter (every HTTP/2 name), so the key
-// shares its text.
-QString HttpClientHeaders::asciiLowerKey(const QString& name, const char* text, int length)
-{
-    int firstCapital = 0;
-    while (firstCapital < length && !(text[firstCapital] >= 'A' && text[firstCapital] <= 'Z')) {
-        ++firstCapital;
-    }
-    if (firstCapital == length) {
-        return name;
-    }
-    QString key = name;
-    QChar* const characters = key.data(); // the one copy
-    for (int i = firstCapital; i < length; ++i) {
-        if (text[i] >= 'A' && text[i] <= 'Z') {
-            characters[i] = QLatin1Char(static_cast<char>(text[i] - 'A' + 'a'));
-        }
-    }
-    return key;
 }
 
 void HttpClientHeaders::insert(const QString& name, const QString& value)
