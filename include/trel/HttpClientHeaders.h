@@ -8,6 +8,7 @@
 #include <QHash>
 #include <QMetaType>
 #include <QString>
+#include <QStringList>
 
 #include <initializer_list>
 #include <ostream>
@@ -17,9 +18,12 @@
 /// and the fields of a response (HttpClientResult::headers).
 ///
 /// Names are matched without regard to case; each entry keeps the written form
-/// under which it was last stored. One value per name: storing a name again
-/// replaces both its written form and its value. A plain value, copied freely,
-/// declared to Qt's meta-type system; not synchronised, like any Qt value.
+/// under which it was last stored. value(), contains() and headers() see one
+/// value per name, the last one stored: storing a name again replaces both its
+/// written form and its value there. values() sees every value stored under a
+/// name, in the order they were stored, so repeated fields such as `Set-Cookie`
+/// or `Link` lose nothing. A plain value, copied freely, declared to Qt's
+/// meta-type system; not synchronised, like any Qt value.
 class TREL_HTTP_CLIENT_EXPORT HttpClientHeaders
 {
 public:
@@ -41,12 +45,14 @@ public:
     /// Parses a raw response header block up to its first NUL byte, one field
     /// per line, the value trimmed. Lines without a colon after their first
     /// character (status lines, blank lines) are skipped; a later line replaces
-    /// an earlier one of the same name, so the fields of the last of several
-    /// responses (redirects) win.
+    /// an earlier one of the same name in the one-value view, so the fields of
+    /// the last of several responses (redirects) win there, while values()
+    /// keeps every line's value in the order the lines arrived.
     explicit HttpClientHeaders(const QByteArray& rawBlock);
 
     /// Stores \p value under \p name, replacing any field whose name matches
-    /// without regard to case; the entry takes \p name's written form.
+    /// without regard to case in the one-value view; the entry takes \p name's
+    /// written form. values() keeps one value per call.
     void insert(const QString& name, const QString& value);
     /// Whether a field named \p name (any case) is stored.
     bool contains(const QString& name) const;
@@ -57,7 +63,12 @@ public:
     /// is none; \p exists receives whether the field is stored. \p exists must
     /// not be null.
     QString value(const QString& name, bool* exists) const;
-    /// Every field, keyed by its written name, in no particular order.
+    /// Every value stored under \p name (any case), in the order they were
+    /// stored (for a response, the order its lines arrived, a redirect's before
+    /// the final response's); empty when there is none.
+    QStringList values(const QString& name) const;
+    /// Every field, keyed by its written name, in no particular order; one
+    /// value per name, the last one stored.
     QHash<QString, QString> headers() const;
 
     /// Writes the fields as `Name: value` separated by ", ", in no particular
@@ -66,9 +77,19 @@ public:
         std::ostream& out, const HttpClientHeaders& headers);
 
 private:
+    // Received headers are stripped of the library's own field names before it
+    // adds its own, so a server cannot forge them.
+    friend class HttpClientTransfer;
+
     void insertAsciiLine(const char* line, int length);
+    void store(const QString& key, const QString& name, const QString& value);
+    void removeNamesStartingWith(const QString& lowerPrefix);
 
     QHash<QString, Header> entries;
+    // Every value of a name stored more than once, in order; a name stored
+    // once has its only value in `entries` alone, so the usual response pays
+    // nothing for repeated fields.
+    QHash<QString, QStringList> repeatedValues;
 };
 
 /// Writes the fields of \p headers as `Name: value` separated by ", ", in no

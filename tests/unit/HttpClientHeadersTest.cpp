@@ -256,6 +256,74 @@ TEST(HttpClientHeaders, StreamingWritesNameColonValueSeparatedByComma)
     EXPECT_TRUE(text == "A: 1, B: 2" || text == "B: 2, A: 1") << text;
 }
 
+// ---------------------------------------------------------------------------
+// Every value of a repeated field
+
+TEST(HttpClientHeaders, RepeatedSetCookieKeepsEveryValueInOrderBesideTheLastWinsView)
+{
+    const HttpClientHeaders headers(
+        QByteArray("HTTP/1.1 200 OK\r\nSet-Cookie: a=1\r\nSet-Cookie: b=2\r\n\r\n"));
+    EXPECT_EQ(headers.values("set-cookie"), QStringList({ "a=1", "b=2" }));
+    EXPECT_EQ(headers.value("Set-Cookie", QString()), "b=2");
+    EXPECT_EQ(headers.headers().size(), 1);
+    EXPECT_EQ(streamed(headers), "Set-Cookie: b=2");
+}
+
+TEST(HttpClientHeaders, ValuesMatchNamesInAnyCaseAndTheLastWrittenFormStillWins)
+{
+    const HttpClientHeaders headers(QByteArray("Link: <a>\r\nLINK: <b>\r\nlink: <c>\r\nVary: Accept\r\n"));
+    EXPECT_EQ(headers.values("lInK"), QStringList({ "<a>", "<b>", "<c>" }));
+    EXPECT_EQ(headers.values("VARY"), QStringList({ "Accept" }));
+    EXPECT_EQ(headers.headers().value("link"), "<c>");
+    EXPECT_FALSE(headers.headers().contains("Link"));
+}
+
+TEST(HttpClientHeaders, ValuesOfAnAbsentNameAreEmpty)
+{
+    const HttpClientHeaders headers(QByteArray("A: 1\r\n"));
+    EXPECT_TRUE(headers.values("B").isEmpty());
+    EXPECT_TRUE(HttpClientHeaders().values("A").isEmpty());
+}
+
+TEST(HttpClientHeaders, ARedirectsValuesComeBeforeTheFinalResponses)
+{
+    const HttpClientHeaders headers(
+        QByteArray("HTTP/1.1 302 Found\r\nSet-Cookie: r=0\r\nLocation: /next\r\n\r\n"
+                   "HTTP/1.1 200 OK\r\nSet-Cookie: a=1\r\nset-cookie: b=2\r\n\r\n"));
+    EXPECT_EQ(headers.values("Set-Cookie"), QStringList({ "r=0", "a=1", "b=2" }));
+    EXPECT_EQ(headers.value("Set-Cookie", QString()), "b=2");
+    EXPECT_EQ(headers.values("Location"), QStringList({ "/next" }));
+}
+
+TEST(HttpClientHeaders, NonAsciiLinesKeepEveryValueToo)
+{
+    const HttpClientHeaders headers(QByteArray("X-Name: caf\xc3\xa9\r\nX-Name: na\xc3\xafve\r\n"));
+    EXPECT_EQ(headers.values("x-name"),
+        QStringList({ QString::fromUtf8("caf\xc3\xa9"), QString::fromUtf8("na\xc3\xafve") }));
+}
+
+TEST(HttpClientHeaders, EachInsertKeepsOneValue)
+{
+    HttpClientHeaders headers;
+    headers.insert("Accept", "text/plain");
+    headers.insert("accept", "application/json");
+    headers.insert("X-One", "1");
+    EXPECT_EQ(headers.values("ACCEPT"), QStringList({ "text/plain", "application/json" }));
+    EXPECT_EQ(headers.value("Accept", QString()), "application/json");
+    EXPECT_EQ(headers.values("x-one"), QStringList({ "1" }));
+    const HttpClientHeaders listed { { "A", "1" }, { "a", "2" } };
+    EXPECT_EQ(listed.values("A"), QStringList({ "1", "2" }));
+}
+
+TEST(HttpClientHeaders, ACopyKeepsItsValuesWhenTheOriginalChanges)
+{
+    HttpClientHeaders original(QByteArray("A: 1\r\nA: 2\r\n"));
+    const HttpClientHeaders copy = original;
+    original.insert("A", "3");
+    EXPECT_EQ(copy.values("A"), QStringList({ "1", "2" }));
+    EXPECT_EQ(original.values("A"), QStringList({ "1", "2", "3" }));
+}
+
 TEST(HttpClientHeadersDeathTest, NullFlagPointerIsAContractViolationNamedExists)
 {
     const HttpClientHeaders headers;

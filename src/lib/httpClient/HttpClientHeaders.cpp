@@ -173,16 +173,42 @@ void HttpClientHeaders::insertAsciiLine(const char* line, int length)
     const KnownName* const known = findKnownName(line, nameLength, &lowerCase);
     const QString name
         = known ? (lowerCase ? known->key : known->name) : QString::fromLatin1(line, nameLength);
-    Header& entry = entries[known ? known->key : asciiLowerKey(name, line, nameLength)];
-    entry.name = name;
-    entry.value = QString::fromLatin1(valueStart, static_cast<int>(valueEnd - valueStart));
+    store(known ? known->key : asciiLowerKey(name, line, nameLength), name,
+        QString::fromLatin1(valueStart, static_cast<int>(valueEnd - valueStart)));
 }
 
 void HttpClientHeaders::insert(const QString& name, const QString& value)
 {
-    Header& entry = entries[keyOf(name)];
+    store(keyOf(name), name, value);
+}
+
+// One hash lookup for a name seen the first time; a name seen again also
+// keeps every earlier value for values().
+void HttpClientHeaders::store(const QString& key, const QString& name, const QString& value)
+{
+    const int sizeBefore = entries.size();
+    Header& entry = entries[key];
+    if (entries.size() == sizeBefore) {
+        QStringList& all = repeatedValues[key];
+        if (all.isEmpty()) {
+            all.append(entry.value);
+        }
+        all.append(value);
+    }
     entry.name = name;
     entry.value = value;
+}
+
+void HttpClientHeaders::removeNamesStartingWith(const QString& lowerPrefix)
+{
+    for (auto it = entries.begin(); it != entries.end();) {
+        if (it.key().startsWith(lowerPrefix)) {
+            repeatedValues.remove(it.key());
+            it = entries.erase(it);
+        } else {
+            ++it;
+        }
+    }
 }
 
 bool HttpClientHeaders::contains(const QString& name) const
@@ -202,6 +228,17 @@ QString HttpClientHeaders::value(const QString& name, bool* exists) const
     const auto it = entries.constFind(name.toLower());
     *exists = it != entries.cend();
     return *exists ? it->value : QString();
+}
+
+QStringList HttpClientHeaders::values(const QString& name) const
+{
+    const QString key = name.toLower();
+    const auto repeated = repeatedValues.constFind(key);
+    if (repeated != repeatedValues.cend()) {
+        return *repeated;
+    }
+    const auto it = entries.constFind(key);
+    return it == entries.cend() ? QStringList() : QStringList { it->value };
 }
 
 QHash<QString, QString> HttpClientHeaders::headers() const
