@@ -75,7 +75,9 @@ public:
     /// ImmediateRead report.
     struct ReceiveBuffer
     {
-        QByteArray body; ///< Response body bytes received, at most sizeLimit of them.
+        /// Response body bytes received, at most sizeLimit of them; with immediate
+        /// read, those received since the last ImmediateRead report.
+        QByteArray body;
         QByteArray headerBlock; ///< Raw header lines of every response received, status lines included.
         std::int64_t sizeLimit = 0; ///< Most body bytes kept; compared unsigned: negative means no limit.
         bool overLimit = false; ///< A write was trimmed at sizeLimit (the failure's reason says so).
@@ -86,6 +88,12 @@ public:
         /// not for bodies handed over in pieces (immediate read) or HEAD, whose
         /// Content-Length describes a body that never comes.
         bool reserveAnnounced = true;
+        /// Immediate read: sizeLimit bounds what is held between two reports, so
+        /// a write that would pass it pauses reception until the held bytes are
+        /// handed over, instead of ending the transfer.
+        bool limitPerDelivery = false;
+        /// Reception is paused until the held bytes are handed over.
+        bool receptionPaused = false;
     };
 
     /// Creates the easy handle for a request and configures it from \p options:
@@ -215,6 +223,7 @@ private:
     static void reserveAnnounced(ReceiveBuffer& buffer);
     bool acceptsBody();
     void resumeUpload();
+    void resumeReception();
     void configure(int httpVersion);
     void installReceiveCallbacks();
     void reportCompletion(

@@ -14,6 +14,12 @@
 
 #include <gtest/gtest.h>
 
+#include <QCryptographicHash>
+#include <QFile>
+
+#include <unistd.h>
+
+#include <algorithm>
 #include <memory>
 
 #include <random>
@@ -181,6 +187,207 @@ TEST_F(Nginx, CacheableResponseIsServedFromTheCacheOnTheSecondRound)
     ASSERT_TRUE(waitFor([&] { return nginx->accessLogLines("marker=second-round").size() == 1; }));
     trel::test::spinEventLoop(50);
     EXPECT_EQ(nginx->accessLogLines("marker=second-round").size(), 1);
+}
+
+// ---------------------------------------------------------------------------
+// nginx over HTTP/1.1 and, with TLS, HTTP/2: what results carry
+
+class NginxBothVersions : public ::testing::Test
+{
+protected:
+    static void SetUpTestSuite()
+    {
+        nginx = std::make_unique<NginxServer>();
+        NginxServer::Options options;
+        options.http2Tls = true;
+        ASSERT_TRUE(nginx->start(options)) << nginx->error().toStdString();
+    }
+    static void TearDownTestSuite() { nginx.reset(); }
+
+    struct Route
+    {
+        const char* name;
+        HttpClient::HttpVersion version;
+        QByteArray (NginxServer::*url)(const QByteArray&) const;
+    };
+    static std::vector<Route> routes()
+    {
+        return { { "HTTP/1.1", HttpClient::Http1, &NginxServer::url },
+            { "HTTP/2", HttpClient::Http2, &NginxServer::tlsUrl } };
+    }
+    static TrelUrl urlOf(const Route& route, const QByteArray& path)
+    {
+        return TrelUrl::fromEncoded(((*nginx).*route.url)(path));
+    }
+    HttpClientResult fetch(const Route& route, const QByteArray& path)
+    {
+        HttpClient client(nullptr, route.version);
+        Results results;
+        client.get(urlOf(route, path), insecure(), results.callback());
+        EXPECT_TRUE(results.waitFor(1)) << route.name;
+        return results.received.empty() ? HttpClientResult() : results.received[0];
+    }
+    static HttpClientOptions insecure()
+    {
+        HttpClientOptions options;
+        options.setVerifyPeer(false); // the test certificate is self-signed
+        return options;
+    }
+
+    static inline std::unique_ptr<NginxServer> nginx;
+};
+
+TEST_F(NginxBothVersions, RepeatedFieldsKeepEveryValueInOrder)
+{
+    for (const Route& route : routes()) {
+        const HttpClientResult result = fetch(route, "/repeated");
+        ASSERT_EQ(result.status, HttpClientStatus::OK) << route.name;
+        EXPECT_EQ(result.headers.values("set-cookie"), QStringList({ "a=1", "b=2" })) << route.name;
+        EXPECT_EQ(result.headers.values("LINK"), QStringList({ "</p2>; rel=next", "</p9>; rel=last" }))
+            << route.name;
+        EXPECT_EQ(result.headers.values("Vary"), QStringList({ "Accept", "Origin" })) << route.name;
+        EXPECT_EQ(result.headers.values("X-Mixed"), QStringList({ "one", "two" })) << route.name;
+        // The one-value view is what it always was: the last line wins.
+        EXPECT_EQ(result.headers.value("Set-Cookie", QString()), "b=2") << route.name;
+        EXPECT_EQ(result.headers.value("x-MIXED", QString()), "two") << route.name;
+    }
+}
+
+TEST_F(NginxBothVersions, ARedirectsCookieComesBeforeTheFinalResponses)
+{
+    for (const Route& route : routes()) {
+        const HttpClientResult result = fetch(route, "/repeated-redirect");
+        ASSERT_EQ(result.status, HttpClientStatus::OK) << route.name;
+        EXPECT_EQ(result.headers.values("Set-Cookie"), QStringList({ "r=0", "a=1", "b=2" })) << route.name;
+        EXPECT_EQ(result.headers.value("Set-Cookie", QString()), "b=2") << route.name;
+    }
+}
+
+TEST_F(NginxBothVersions, FieldsNamedLikeTheLibrarysOwnNeverReachTheCaller)
+{
+    for (const Route& route : routes()) {
+        const HttpClientResult result = fetch(route, "/forged");
+        ASSERT_EQ(result.status, HttpClientStatus::OK) << route.name;
+        EXPECT_FALSE(result.headers.contains("X-TrelError")) << route.name;
+        EXPECT_FALSE(result.headers.contains("x-trel-other")) << route.name;
+        EXPECT_EQ(
+            result.headers.values("X-TrelEfectiveUrl"), QStringList({ urlOf(route, "/forged").toString() }))
+            << route.name;
+    }
+}
+
+// ---------------------------------------------------------------------------
+// Immediate read with the default read-size limit
+
+// A file of `megabytes` MiB of seeded random bytes under nginx's root, written
+// a MiB at a time; returns its SHA-256 in hex.
+QByteArray writeRandomFile(const QString& path, int megabytes)
+{
+    QFile file(path);
+    EXPECT_TRUE(file.open(QIODevice::WriteOnly));
+    QCryptographicHash hash(QCryptographicHash::Sha256);
+    for (int i = 0; i < megabytes; ++i) {
+        const QByteArray block = randomBytes(1 << 20, static_cast<unsigned>(i) + 7);
+        file.write(block);
+        hash.addData(block);
+    }
+    return hash.result().toHex();
+}
+
+long residentKilobytes()
+{
+    QFile statm(QStringLiteral("/proc/self/statm"));
+    if (!statm.open(QIODevice::ReadOnly)) {
+        return -1;
+    }
+    const QList<QByteArray> fields = statm.readAll().split(' ');
+    return fields.size() > 1 ? fields[1].toLong() * (::sysconf(_SC_PAGESIZE) / 1024) : -1;
+}
+
+// Takes every delivery of one immediate-read request: hashes the pieces as
+// they come, keeps none, and watches the largest piece and the process's memory.
+struct PieceReader
+{
+    QCryptographicHash hash { QCryptographicHash::Sha256 };
+    qint64 bytes = 0;
+    int largestPiece = 0;
+    int pieces = 0;
+    long peakResidentKb = 0;
+    bool finished = false;
+    HttpClientStatus finalStatus = HttpClientStatus::Error;
+    QString failure;
+
+    HttpClient::Callback callback()
+    {
+        return [this](const HttpClientResult& result) {
+            hash.addData(result.body);
+            bytes += result.body.size();
+            largestPiece = std::max(largestPiece, result.body.size());
+            ++pieces;
+            peakResidentKb = std::max(peakResidentKb, residentKilobytes());
+            if (result.status != HttpClientStatus::ImmediateRead) {
+                finished = true;
+                finalStatus = result.status;
+                failure = result.headers.value("X-TrelError", QString());
+            }
+        };
+    }
+};
+
+HttpClientOptions immediateReadDefaults(bool verifyPeer)
+{
+    HttpClientOptions options; // the read-size limit stays at its default, 65,536
+    options.setImmediateRead(true);
+    options.setVerifyPeer(verifyPeer);
+    return options;
+}
+
+TEST_F(NginxBothVersions, ImmediateReadOfTenMegabytesAndTwoHundredFinishesInBoundedPieces)
+{
+    ASSERT_EQ(HttpClientOptions().readSizeLimit(), 65536);
+    const QByteArray tenSha = writeRandomFile(nginx->root() + "/files/random10m", 10);
+    const QByteArray twoHundredSha = writeRandomFile(nginx->root() + "/files/random200m", 200);
+    const std::vector<std::pair<QByteArray, QByteArray>> downloads
+        = { { "/files/random10m", tenSha }, { "/files/random200m", twoHundredSha } };
+    for (const auto& [path, sha] : downloads) {
+        HttpClient client;
+        PieceReader reader;
+        const long before = residentKilobytes();
+        client.get(TrelUrl::fromEncoded(nginx->url(path)), immediateReadDefaults(true), reader.callback());
+        ASSERT_TRUE(waitFor([&] { return reader.finished; }, 120000)) << path.constData();
+        EXPECT_EQ(reader.finalStatus, HttpClientStatus::OK) << reader.failure.toStdString();
+        const qint64 expected = (path.endsWith("10m") ? 10 : 200) * qint64(1 << 20);
+        EXPECT_EQ(reader.bytes, expected);
+        EXPECT_EQ(reader.hash.result().toHex(), sha);
+        EXPECT_LE(reader.largestPiece, 65536);
+        EXPECT_GT(reader.pieces, expected / 65536);
+        EXPECT_LT(reader.peakResidentKb - before, 48 * 1024) << path.constData();
+    }
+}
+
+TEST_F(NginxBothVersions, ImmediateReadOfFourStreamsAtOnceOverOneHttp2Connection)
+{
+    const QByteArray sha = writeRandomFile(nginx->root() + "/files/random10m-h2", 10);
+    HttpClient client(nullptr, HttpClient::Http2);
+    std::vector<std::unique_ptr<PieceReader>> readers;
+    for (int i = 0; i < 4; ++i) {
+        readers.push_back(std::make_unique<PieceReader>());
+        client.get(TrelUrl::fromEncoded(nginx->tlsUrl("/files/random10m-h2?stream=" + QByteArray::number(i))),
+            immediateReadDefaults(false), readers.back()->callback());
+    }
+    ASSERT_TRUE(waitFor(
+        [&] {
+            return std::all_of(
+                readers.begin(), readers.end(), [](const auto& reader) { return reader->finished; });
+        },
+        120000));
+    for (const auto& reader : readers) {
+        EXPECT_EQ(reader->finalStatus, HttpClientStatus::OK) << reader->failure.toStdString();
+        EXPECT_EQ(reader->bytes, 10 * qint64(1 << 20));
+        EXPECT_EQ(reader->hash.result().toHex(), sha);
+        EXPECT_LE(reader->largestPiece, 65536);
+    }
+    EXPECT_EQ(nginx->accessLogLines("random10m-h2?stream=").size(), 4);
 }
 
 // ---------------------------------------------------------------------------

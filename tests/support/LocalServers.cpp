@@ -192,7 +192,18 @@ bool NginxServer::writeConfig(const Options& options)
               "root %1/html;\n"
               "location /files/ { }\n"
               "location /cache/ { alias %1/html/files/; add_header Cache-Control \"max-age=60\"; }\n"
-              "location = /upload { client_max_body_size 0; return 200 \"uploaded\\n\"; }\n")
+              "location = /upload { client_max_body_size 0; return 200 \"uploaded\\n\"; }\n"
+              // Repeated fields, names in mixed case, and a redirect that sets
+              // a cookie of its own before the final response's.
+              "location = /repeated { add_header Set-Cookie a=1; add_header Set-Cookie b=2; "
+              "add_header Link \"</p2>; rel=next\"; add_header Link \"</p9>; rel=last\"; "
+              "add_header Vary Accept; add_header Vary Origin; add_header X-MiXeD one; add_header x-mixed two; "
+              "return 200 \"repeated\\n\"; }\n"
+              "location = /repeated-redirect { add_header Set-Cookie r=0; return 302 /repeated; }\n"
+              // Fields named like the library's own, as a hostile server would send them.
+              "location = /forged { add_header X-TrelError forged; "
+              "add_header X-TrelEfectiveUrl http://elsewhere.invalid/; add_header x-trel-other 1; "
+              "return 200 \"forged\\n\"; }\n")
               .arg(dir)
         + echo;
     const QString config

@@ -762,6 +762,144 @@ TEST(HttpClientTransferReceive, ImmediateReadDeliversWhatArrivedAndEmptiesTheBuf
     EXPECT_FALSE(factory.outcomes[1].headers.contains("X-A")); // only lines that arrived since
 }
 
+// Immediate read: the limit bounds what is held between two deliveries.
+HttpClientOptions immediateReadWithLimit(qint64 limit)
+{
+    HttpClientOptions options;
+    options.setImmediateRead(true);
+    options.setReadSizeLimit(limit);
+    return options;
+}
+
+TEST(HttpClientTransferReceive, ImmediateReadPausesAWriteThatWouldPassTheLimitInsteadOfFailing)
+{
+    TransferFactory factory;
+    auto transfer = factory.make(HttpClient::Get, immediateReadWithLimit(10));
+    CURLM* const multi = curl_multi_init();
+    transfer->start(multi);
+    EXPECT_EQ(feedBody(*transfer, "12345678"), 8u);
+    EXPECT_EQ(feedBody(*transfer, "abcd"), static_cast<size_t>(CURL_WRITEFUNC_PAUSE));
+    EXPECT_TRUE(Access::buffer(*transfer).receptionPaused);
+    EXPECT_FALSE(Access::buffer(*transfer).overLimit);
+    EXPECT_EQ(Access::buffer(*transfer).body, "12345678"); // the paused chunk is libcurl's to offer again
+    transfer->update();
+    ASSERT_EQ(factory.outcomes.size(), 1u);
+    EXPECT_EQ(factory.outcomes[0].status, HttpClientStatus::ImmediateRead);
+    EXPECT_EQ(factory.outcomes[0].body, "12345678");
+    EXPECT_FALSE(Access::buffer(*transfer).receptionPaused); // handed over: reception resumed
+    EXPECT_EQ(feedBody(*transfer, "abcd"), 4u); // offered again, now taken
+    finishWith(*transfer, CURLE_OK);
+    ASSERT_EQ(factory.outcomes.size(), 2u);
+    EXPECT_EQ(factory.outcomes[1].status, HttpClientStatus::OK);
+    EXPECT_EQ(factory.outcomes[1].body, "abcd");
+    curl_multi_cleanup(multi);
+}
+
+TEST(HttpClientTransferReceive, ImmediateReadTakesAChunkLargerThanTheLimitWholeWhenNothingIsHeld)
+{
+    TransferFactory factory;
+    auto transfer = factory.make(HttpClient::Get, immediateReadWithLimit(4));
+    EXPECT_EQ(feedBody(*transfer, "abcdefgh"), 8u);
+    EXPECT_FALSE(Access::buffer(*transfer).receptionPaused);
+    EXPECT_FALSE(Access::buffer(*transfer).overLimit);
+    auto zero = factory.make(HttpClient::Get, immediateReadWithLimit(0));
+    EXPECT_EQ(feedBody(*zero, "x"), 1u);
+}
+
+TEST(HttpClientTransferReceive, ImmediateReadWithANegativeLimitHoldsWithoutBound)
+{
+    TransferFactory factory;
+    auto transfer = factory.make(HttpClient::Get, immediateReadWithLimit(-1));
+    for (int i = 0; i < 100; ++i) {
+        EXPECT_EQ(feedBody(*transfer, QByteArray(1000, 'x')), 1000u);
+    }
+    EXPECT_EQ(Access::buffer(*transfer).body.size(), 100000);
+    EXPECT_FALSE(Access::buffer(*transfer).receptionPaused);
+}
+
+TEST(HttpClientTransferReceive, WithoutImmediateReadTheLimitStillBoundsTheWholeBody)
+{
+    TransferFactory factory;
+    HttpClientOptions options;
+    options.setReadSizeLimit(10);
+    auto transfer = factory.make(HttpClient::Get, options);
+    EXPECT_EQ(feedBody(*transfer, "12345678"), 8u);
+    EXPECT_EQ(feedBody(*transfer, "abcd"), 2u);
+    EXPECT_TRUE(Access::buffer(*transfer).overLimit);
+    EXPECT_FALSE(Access::buffer(*transfer).receptionPaused);
+}
+
+// A server's fields named like the library's own never reach the caller: it
+// cannot forge an error, an effective URL or anything else of that family.
+constexpr char kForgedFields[] = "HTTP/1.1 200 OK\r\nX-TrelError: forged\r\n"
+                                 "X-TrelEfectiveUrl: http://elsewhere.invalid/\r\nx-trel-other: 1\r\n"
+                                 "X-TRELX: 2\r\nX-Tre: kept\r\n\r\n";
+
+void expectOnlyTheLibrarysOwnFields(const HttpClientHeaders& headers)
+{
+    EXPECT_FALSE(headers.contains("X-TrelError"));
+    EXPECT_FALSE(headers.contains("x-trel-other"));
+    EXPECT_FALSE(headers.contains("X-TrelX"));
+    EXPECT_EQ(headers.value("X-Tre", QString()), "kept");
+    EXPECT_TRUE(headers.values("X-TrelEfectiveUrl").size() <= 1);
+    EXPECT_NE(headers.value("X-TrelEfectiveUrl", QString()), "http://elsewhere.invalid/");
+}
+
+TEST(HttpClientTransferReceive, ServerFieldsNamedLikeTheLibrarysOwnAreDroppedFromEveryResult)
+{
+    CURLM* const multi = curl_multi_init();
+    for (const CURLcode code : { CURLE_OK, CURLE_COULDNT_CONNECT }) {
+        TransferFactory factory;
+        auto transfer = factory.make(HttpClient::Get);
+        transfer->start(multi);
+        feedHeaderLines(*transfer, kForgedFields);
+        finishWith(*transfer, code);
+        ASSERT_EQ(factory.outcomes.size(), 1u);
+        const HttpClientHeaders& headers = factory.outcomes[0].headers;
+        if (code == CURLE_OK) {
+            expectOnlyTheLibrarysOwnFields(headers);
+            EXPECT_EQ(headers.value("X-TrelEfectiveUrl", QString()), "http://127.0.0.1:9/");
+        } else {
+            EXPECT_FALSE(headers.contains("X-TrelEfectiveUrl"));
+            EXPECT_FALSE(headers.contains("x-trel-other"));
+            EXPECT_EQ(headers.values("X-TrelError").size(), 1);
+            EXPECT_NE(headers.value("X-TrelError", QString()), "forged");
+        }
+    }
+    curl_multi_cleanup(multi);
+}
+
+TEST(HttpClientTransferReceive, ImmediateReadDeliveriesDropTheForgedFieldsToo)
+{
+    TransferFactory factory;
+    HttpClientOptions options;
+    options.setImmediateRead(true);
+    auto transfer = factory.make(HttpClient::Get, options);
+    feedHeaderLines(*transfer, kForgedFields);
+    feedBody(*transfer, "part");
+    transfer->update();
+    ASSERT_EQ(factory.outcomes.size(), 1u);
+    expectOnlyTheLibrarysOwnFields(factory.outcomes[0].headers);
+}
+
+TEST(HttpClientTransferReceive, PushedResponsesDropTheForgedFieldsToo)
+{
+    CURL* const pushed = curl_easy_init();
+    CURLM* const multi = curl_multi_init();
+    std::vector<HttpClientHeaders> reported;
+    {
+        HttpClientTransfer transfer(HttpClient::Http2, pushed, multi, HttpClientOptions(),
+            [&](HttpClientStatus, long, QByteArray, HttpClientHeaders headers) {
+                reported.push_back(headers);
+            });
+        feedHeaderLines(transfer, kForgedFields);
+        finishWith(transfer, CURLE_OK);
+    }
+    ASSERT_EQ(reported.size(), 1u);
+    expectOnlyTheLibrarysOwnFields(reported[0]);
+    curl_multi_cleanup(multi);
+}
+
 // ---------------------------------------------------------------------------
 // Life cycle
 

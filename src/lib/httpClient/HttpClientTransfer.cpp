@@ -197,6 +197,7 @@ HttpClientTransfer::HttpClientTransfer(int httpVersion, const TrelUrl& url, int 
 {
     receiveBuffer.sizeLimit = options.readSizeLimit();
     receiveBuffer.reserveAnnounced = !options.immediateRead() && method != kMethodHead;
+    receiveBuffer.limitPerDelivery = options.immediateRead();
     if (!easy) {
         easy.reset(curl_easy_init());
     }
@@ -216,6 +217,7 @@ HttpClientTransfer::HttpClientTransfer(
 {
     receiveBuffer.sizeLimit = options.readSizeLimit();
     receiveBuffer.reserveAnnounced = !options.immediateRead();
+    receiveBuffer.limitPerDelivery = options.immediateRead();
     installReceiveCallbacks();
 }
 
@@ -521,7 +523,18 @@ size_t HttpClientTransfer::curlWriteFunc(void* data, size_t size, size_t count, 
         reserveAnnounced(*buffer);
     }
     // Unsigned on purpose: a negative limit never trims.
-    if (static_cast<std::uint64_t>(current) + n > static_cast<std::uint64_t>(buffer->sizeLimit)) {
+    const bool overLimit
+        = static_cast<std::uint64_t>(current) + n > static_cast<std::uint64_t>(buffer->sizeLimit);
+    if (overLimit && buffer->limitPerDelivery) {
+        if (current > 0) {
+            // libcurl keeps this chunk and offers it again once update() has
+            // handed over what is held and resumed reception.
+            buffer->receptionPaused = true;
+            return CURL_WRITEFUNC_PAUSE;
+        }
+        // Nothing held: a chunk larger than the limit itself goes whole, since
+        // pausing could never make room for it.
+    } else if (overLimit) {
         const std::int64_t room = buffer->sizeLimit - current;
         TREL_ERROR("CURL data: not enough space in buffer, trimmed by "
             << (static_cast<std::int64_t>(n) - room) << " bytes!");
@@ -559,6 +572,10 @@ long HttpClientTransfer::responseCode()
 HttpClientHeaders HttpClientTransfer::receivedHeaders(bool withEffectiveUrl)
 {
     HttpClientHeaders headers(receiveBuffer.headerBlock);
+    // The X-Trel names are the library's word to its caller: a server must not
+    // be able to forge an error, an effective URL or anything added later.
+    static const QString libraryPrefix = QStringLiteral("x-trel");
+    headers.removeNamesStartingWith(libraryPrefix);
     if (withEffectiveUrl) {
         const QString effectiveUrl = getEffectiveUrl(easy.get());
         if (!effectiveUrl.isEmpty()) {
@@ -582,6 +599,20 @@ void HttpClientTransfer::update()
     reportCompletion(HttpClientStatus::ImmediateRead, code, receiveBuffer.body, headers);
     receiveBuffer.body.clear();
     receiveBuffer.headerBlock.clear();
+    resumeReception();
+}
+
+// Runs on the client's thread after a socket action, never inside libcurl. The
+// paused chunk may come back inside curl_easy_pause; libcurl also schedules the
+// transfer at once, so the next socket action serves it.
+void HttpClientTransfer::resumeReception()
+{
+    if (!receiveBuffer.receptionPaused || !activeMulti) {
+        return;
+    }
+    receiveBuffer.receptionPaused = false;
+    TREL_TRACE("Held bytes handed over, resuming reception [" << easy.get() << "]");
+    curl_easy_pause(easy.get(), CURLPAUSE_CONT);
 }
 
 // ---------------------------------------------------------------------------
