@@ -75,10 +75,21 @@
 /// \endcode
 /// `url`, `status`, `code`, `body` and `headers` are the fields of
 /// HttpClientResult; `context` is HttpClientOptions::userData() of the request.
+/// The slot is looked up when the request is made: the bare name, the full
+/// signature and the `SLOT()` spelling all name it, and a receiver without such
+/// a slot (or an empty or null name) refuses the request: null id, an ERROR log
+/// line naming the receiver's class and the slot, nothing sent, no result.
 /// A receiver is not owned but watched: one deleted before its result arrives
 /// only loses that result (a DEBUG log line says so). Results for one receiver
-/// arrive in the order they were queued. A null receiver, or a slot Qt cannot
-/// invoke with these arguments, loses the result.
+/// arrive in the order they were queued. A null receiver loses the result; the
+/// request is still made.
+///
+/// **Context objects.** Every callback form has an overload that takes a
+/// `QObject* context` just before the callback, as Qt's own functor
+/// connections do: when the context is destroyed before the result is
+/// delivered, the callback is dropped (a DEBUG log line says so) and the
+/// request goes on; a null context guards nothing. The context is checked on
+/// the client's thread, so it should live there.
 ///
 /// **Schemes.** Only `http` and `https` are spoken: a URL with any other
 /// scheme, and a redirect to one, ends with HttpClientStatus::Error.
@@ -138,15 +149,31 @@ public:
         /// The receiver of the slot form. Not owned, but watched: a receiver
         /// deleted before its result arrives only loses that result.
         QPointer<QObject> receiver;
-        QByteArray slot; ///< The bare method name, used unchanged; empty for a callback.
+        /// The bare method name, used unchanged; empty for a callback. When
+        /// slotMissing is set, the name as the caller spelled it.
+        QByteArray slot;
         Callback callback; ///< The callback of the callback form; empty for a slot.
         bool toReceiver = false; ///< A receiver was given (it may be gone since).
+        /// The receiver has no six-argument slot of that name: the request is refused.
+        bool slotMissing = false;
+        /// The context object of a callback: once it is destroyed, the callback
+        /// is dropped instead of run. Watched only when hasContext is set.
+        QPointer<QObject> context;
+        bool hasContext = false; ///< A context object was given (it may be gone since).
 
         /// A destination that invokes \p slot (a bare method name, copied) on
         /// \p receiver, queued; a null \p receiver loses every result.
         static Reply toSlot(QObject* receiver, const char* slot);
+        /// A destination that invokes the six-argument slot \p slot names on
+        /// \p receiver, queued. \p slot may be the bare name (`"onResult"`), the
+        /// full signature or the `SLOT()` spelling; it is looked up at once, and
+        /// when a non-null \p receiver has no such slot, slotMissing is set.
+        static Reply toResultSlot(QObject* receiver, const char* slot);
         /// A destination that runs \p callback on the client's thread, queued.
         static Reply toCallback(Callback callback);
+        /// A destination that runs \p callback on the client's thread, queued,
+        /// unless \p context (when not null) has been destroyed by then.
+        static Reply toCallback(QObject* context, Callback callback);
     };
 
     /// Creates a client belonging to the calling thread, whose event loop must
@@ -192,6 +219,14 @@ public:
     /// \return the request id; null when refused (no result follows) or when
     ///         answered from the cache (one result follows).
     void* get(const TrelUrl& url, const HttpClientOptions& options, Callback callback);
+    /// The callback form of get() above, tied to \p context: the callback
+    /// is dropped if \p context is destroyed before the result is delivered.
+    /// \param url an `http` or `https` URL, copied.
+    /// \param options the request's settings, copied.
+    /// \param context guards the callback; not owned, watched; null guards nothing.
+    /// \param callback receives the result on the client's thread.
+    /// \return the request id, as the callback form above.
+    void* get(const TrelUrl& url, const HttpClientOptions& options, QObject* context, Callback callback);
     /// Starts a HEAD request; see the class description for ids and results.
     ///
     /// The response's header lines arrive both in the result's headers and in its
@@ -212,6 +247,14 @@ public:
     /// \param callback receives the result on the client's thread.
     /// \return the request id; null when refused (no result follows).
     void* head(const TrelUrl& url, const HttpClientOptions& options, Callback callback);
+    /// The callback form of head() above, tied to \p context: the callback
+    /// is dropped if \p context is destroyed before the result is delivered.
+    /// \param url an `http` or `https` URL, copied.
+    /// \param options the request's settings, copied.
+    /// \param context guards the callback; not owned, watched; null guards nothing.
+    /// \param callback receives the result on the client's thread.
+    /// \return the request id, as the callback form above.
+    void* head(const TrelUrl& url, const HttpClientOptions& options, QObject* context, Callback callback);
     /// Starts a POST request with \p data as its body; see the class description
     /// for ids and results.
     /// \param url an `http` or `https` URL, copied.
@@ -232,6 +275,16 @@ public:
     /// \return the request id; null when refused (no result follows).
     void* post(
         const TrelUrl& url, const QByteArray& data, const HttpClientOptions& options, Callback callback);
+    /// The callback form of post() above, tied to \p context: the callback
+    /// is dropped if \p context is destroyed before the result is delivered.
+    /// \param url an `http` or `https` URL, copied.
+    /// \param data as in the callback form above.
+    /// \param options the request's settings, copied.
+    /// \param context guards the callback; not owned, watched; null guards nothing.
+    /// \param callback receives the result on the client's thread.
+    /// \return the request id, as the callback form above.
+    void* post(const TrelUrl& url, const QByteArray& data, const HttpClientOptions& options, QObject* context,
+        Callback callback);
     /// Starts a PUT request with \p data as its body; see the class description
     /// for ids and results.
     /// \param url an `http` or `https` URL, copied.
@@ -252,6 +305,16 @@ public:
     /// \return the request id; null when refused (no result follows).
     void* put(
         const TrelUrl& url, const QByteArray& data, const HttpClientOptions& options, Callback callback);
+    /// The callback form of put() above, tied to \p context: the callback
+    /// is dropped if \p context is destroyed before the result is delivered.
+    /// \param url an `http` or `https` URL, copied.
+    /// \param data as in the callback form above.
+    /// \param options the request's settings, copied.
+    /// \param context guards the callback; not owned, watched; null guards nothing.
+    /// \param callback receives the result on the client's thread.
+    /// \return the request id, as the callback form above.
+    void* put(const TrelUrl& url, const QByteArray& data, const HttpClientOptions& options, QObject* context,
+        Callback callback);
     /// Starts a DELETE request with \p data as its body; see the class
     /// description for ids and results. (`delete` is a C++ keyword.)
     /// \param url an `http` or `https` URL, copied.
@@ -272,6 +335,16 @@ public:
     /// \return the request id; null when refused (no result follows).
     void* delete_(
         const TrelUrl& url, const QByteArray& data, const HttpClientOptions& options, Callback callback);
+    /// The callback form of delete_() above, tied to \p context: the callback
+    /// is dropped if \p context is destroyed before the result is delivered.
+    /// \param url an `http` or `https` URL, copied.
+    /// \param data as in the callback form above.
+    /// \param options the request's settings, copied.
+    /// \param context guards the callback; not owned, watched; null guards nothing.
+    /// \param callback receives the result on the client's thread.
+    /// \return the request id, as the callback form above.
+    void* delete_(const TrelUrl& url, const QByteArray& data, const HttpClientOptions& options,
+        QObject* context, Callback callback);
     /// Starts a PATCH request with \p data as its body; see the class description
     /// for ids and results.
     /// \param url an `http` or `https` URL, copied.
@@ -292,6 +365,16 @@ public:
     /// \return the request id; null when refused (no result follows).
     void* patch(
         const TrelUrl& url, const QByteArray& data, const HttpClientOptions& options, Callback callback);
+    /// The callback form of patch() above, tied to \p context: the callback
+    /// is dropped if \p context is destroyed before the result is delivered.
+    /// \param url an `http` or `https` URL, copied.
+    /// \param data as in the callback form above.
+    /// \param options the request's settings, copied.
+    /// \param context guards the callback; not owned, watched; null guards nothing.
+    /// \param callback receives the result on the client's thread.
+    /// \return the request id, as the callback form above.
+    void* patch(const TrelUrl& url, const QByteArray& data, const HttpClientOptions& options,
+        QObject* context, Callback callback);
     /// Starts a POST request whose body is streamed from \p queue; see the class
     /// description for ids and results.
     ///
@@ -336,6 +419,16 @@ public:
     /// \return the request id; null when refused (no result follows).
     void* postStream(const TrelUrl& url, QSharedPointer<HttpClientQueue> queue,
         const HttpClientOptions& options, Callback callback);
+    /// The callback form of postStream() above, tied to \p context: the callback
+    /// is dropped if \p context is destroyed before the result is delivered.
+    /// \param url an `http` or `https` URL, copied.
+    /// \param queue as in the callback form above.
+    /// \param options the request's settings, copied.
+    /// \param context guards the callback; not owned, watched; null guards nothing.
+    /// \param callback receives the result on the client's thread.
+    /// \return the request id, as the callback form above.
+    void* postStream(const TrelUrl& url, QSharedPointer<HttpClientQueue> queue,
+        const HttpClientOptions& options, QObject* context, Callback callback);
     /// Starts a POST request whose body is a `multipart/form-data` form; see the
     /// class description for ids and results.
     /// \param url an `http` or `https` URL, copied.
@@ -358,6 +451,16 @@ public:
     /// \return the request id; null when refused (no result follows).
     void* postForm(const TrelUrl& url, const QList<QPair<QString, QString>>& fields,
         const HttpClientOptions& options, Callback callback);
+    /// The callback form of postForm() above, tied to \p context: the callback
+    /// is dropped if \p context is destroyed before the result is delivered.
+    /// \param url an `http` or `https` URL, copied.
+    /// \param fields as in the callback form above.
+    /// \param options the request's settings, copied.
+    /// \param context guards the callback; not owned, watched; null guards nothing.
+    /// \param callback receives the result on the client's thread.
+    /// \return the request id, as the callback form above.
+    void* postForm(const TrelUrl& url, const QList<QPair<QString, QString>>& fields,
+        const HttpClientOptions& options, QObject* context, Callback callback);
     /// Starts a POST request that uploads \p data as a file; see the class
     /// description for ids and results.
     ///
@@ -390,6 +493,16 @@ public:
     /// \return the request id; null when refused (no result follows).
     void* postFile(
         const TrelUrl& url, const QByteArray& data, const HttpClientOptions& options, Callback callback);
+    /// The callback form of postFile() above, tied to \p context: the callback
+    /// is dropped if \p context is destroyed before the result is delivered.
+    /// \param url an `http` or `https` URL, copied.
+    /// \param data as in the callback form above.
+    /// \param options the request's settings, copied.
+    /// \param context guards the callback; not owned, watched; null guards nothing.
+    /// \param callback receives the result on the client's thread.
+    /// \return the request id, as the callback form above.
+    void* postFile(const TrelUrl& url, const QByteArray& data, const HttpClientOptions& options,
+        QObject* context, Callback callback);
 
     /// Cancels the live request with this id.
     ///
@@ -494,7 +607,8 @@ private:
     QSharedPointer<HttpClientTransfer> createTransfer(
         TrelUrl url, HttpMethod method, const HttpClientOptions& options, const Reply& reply);
     void notifyCaller(const Reply& reply, const HttpClientResult& result, const HttpClientPrivate& context);
-    void queueCallback(const HttpClientResult& result, const Callback& callback);
+    void queueCallback(const HttpClientResult& result, const Reply& reply);
+    void refuseMissingSlot(const Reply& reply) const;
     void postCallbackDelivery();
     void deliverQueuedCallbacks();
     // Every connection goes through here: a connection Qt refuses (unknown
@@ -545,6 +659,8 @@ private:
     {
         HttpClientResult result;
         Callback callback;
+        QPointer<QObject> context;
+        bool hasContext;
     };
     std::deque<QueuedCallback> queuedCallbacks;
     bool callbackDeliveryPosted = false;

@@ -587,16 +587,17 @@ TEST_F(CallerAbuse, NullReceiverGetsNothingAndTheClientCarriesOn)
     EXPECT_EQ(results.received["after"].front().status, HttpClientStatus::OK);
 }
 
-TEST_F(CallerAbuse, SlotNameThatDoesNotExistLosesOnlyThatResult)
+TEST_F(CallerAbuse, SlotNameThatDoesNotExistIsRefusedAndSendsNothing)
 {
     HttpClient client;
     ResultReceiver receiver;
-    client.get(url("/wrong"), &receiver, "noSuchSlot", options);
+    EXPECT_EQ(client.get(url("/wrong"), &receiver, "noSuchSlot", options), nullptr);
     client.get(url("/right"), &receiver, "onResult", options);
     ASSERT_TRUE(waitFor([&] { return receiver.count() == 1; }));
-    ASSERT_TRUE(server().waitForRequests(2, 5000));
+    ASSERT_TRUE(server().waitForRequests(1, 5000));
     trel::test::spinEventLoop(50);
     EXPECT_EQ(receiver.count(), 1);
+    EXPECT_EQ(server().requestCount(), 1);
     EXPECT_EQ(receiver.results()[0].url.toString(), url("/right").toString());
 }
 

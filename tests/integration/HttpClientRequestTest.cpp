@@ -736,32 +736,211 @@ TEST_F(HttpClientRequest, SlotDeliveryRunsOnTheReceiversThread)
     worker.wait();
 }
 
-TEST_F(HttpClientRequest, WrongSlotNameLosesThatResultAndNothingElse)
+// Every request operation in its slot form, with the given slot name.
+std::vector<
+    std::function<void*(HttpClient&, const TrelUrl&, QObject*, const char*, const HttpClientOptions&)>>
+slotFormOperations()
 {
-    ResultReceiver receiver;
-    client.get(url("/a"), &receiver, "noSuchSlot", options);
-    client.get(url("/b"), &receiver, "SLOT(onResult)", options);
-    client.get(url("/c"), &receiver,
-        "onResult(TrelUrl,HttpClientPrivate,int,int,QByteArray,HttpClientHeaders)", options);
-    client.get(url("/d"), &receiver, "onResult", options);
-    ASSERT_TRUE(waitFor([&] { return receiver.count() == 1; }));
-    ASSERT_TRUE(waitForServer(4));
-    trel::test::spinEventLoop(100);
-    ASSERT_EQ(receiver.count(), 1);
-    EXPECT_EQ(receiver.results()[0].url, url("/d"));
+    using Options = const HttpClientOptions&;
+    return {
+        [](HttpClient& c, const TrelUrl& u, QObject* r, const char* s, Options o) {
+            return c.get(u, r, s, o);
+        },
+        [](HttpClient& c, const TrelUrl& u, QObject* r, const char* s, Options o) {
+            return c.head(u, r, s, o);
+        },
+        [](HttpClient& c, const TrelUrl& u, QObject* r, const char* s, Options o) {
+            return c.post(u, "b", r, s, o);
+        },
+        [](HttpClient& c, const TrelUrl& u, QObject* r, const char* s, Options o) {
+            return c.put(u, "b", r, s, o);
+        },
+        [](HttpClient& c, const TrelUrl& u, QObject* r, const char* s, Options o) {
+            return c.delete_(u, "b", r, s, o);
+        },
+        [](HttpClient& c, const TrelUrl& u, QObject* r, const char* s, Options o) {
+            return c.patch(u, "b", r, s, o);
+        },
+        [](HttpClient& c, const TrelUrl& u, QObject* r, const char* s, Options o) {
+            auto queue = QSharedPointer<HttpClientQueue>::create(nullptr);
+            queue->close();
+            return c.postStream(u, queue, r, s, o);
+        },
+        [](HttpClient& c, const TrelUrl& u, QObject* r, const char* s, Options o) {
+            return c.postForm(u, { { "k", "v" } }, r, s, o);
+        },
+        [](HttpClient& c, const TrelUrl& u, QObject* r, const char* s, Options o) {
+            return c.postFile(u, "f", r, s, o);
+        },
+    };
 }
 
-TEST_F(HttpClientRequest, EmptySlotNameWithoutCallbackDeliversNothing)
+TEST_F(HttpClientRequest, ASlotTheReceiverLacksRefusesTheRequestAtTheCall)
 {
     ResultReceiver receiver;
-    EXPECT_NE(client.get(url("/a"), &receiver, "", options), nullptr);
-    EXPECT_NE(client.get(url("/a"), &receiver, nullptr, options), nullptr);
-    ASSERT_TRUE(waitForServer(2));
-    client.get(url("/b"), &receiver, "onResult", options);
+    const std::vector<const char*> missing = { "noSuchSlot", "onResult(int)", SLOT(noSuchSlot()),
+        "onResult(TrelUrl,HttpClientPrivate,int,int,QByteArray)", "", nullptr, "deleteLater" };
+    LogCapture capture(log4cplus::ERROR_LOG_LEVEL);
+    const auto operations = slotFormOperations();
+    for (const auto& operation : operations) {
+        for (const char* slot : missing) {
+            EXPECT_EQ(operation(client, url("/refused"), &receiver, slot, options), nullptr)
+                << (slot ? slot : "(null)");
+        }
+    }
+    const std::string expected
+        = "Refused, trel::test::ResultReceiver has no slot \"noSuchSlot\" taking the "
+          "result's arguments (TrelUrl,HttpClientPrivate,int,int,QByteArray,HttpClientHeaders)";
+    EXPECT_EQ(capture.count(expected), static_cast<int>(operations.size()));
+    EXPECT_EQ(capture.messages(log4cplus::ERROR_LOG_LEVEL).size(), operations.size() * missing.size());
+    client.get(url("/after"), &receiver, "onResult", options);
     ASSERT_TRUE(waitFor([&] { return receiver.count() == 1; }));
-    trel::test::spinEventLoop(50);
+    trel::test::spinEventLoop(100);
     EXPECT_EQ(receiver.count(), 1);
-    EXPECT_EQ(receiver.results()[0].url, url("/b"));
+    ASSERT_EQ(server().requestCount(), 1); // nothing of the refused calls went out
+    EXPECT_EQ(server().requests()[0].target, "/after");
+}
+
+TEST_F(HttpClientRequest, ARefusedSlotIsNotAnsweredFromTheCacheEither)
+{
+    server().setHandler([](const RecordedRequest&) {
+        return ScriptedResponse::ok("cached").addHeader("Cache-Control", "max-age=60");
+    });
+    client.setCacheSize(1 << 20);
+    ResultReceiver receiver;
+    EXPECT_NE(client.get(url("/c"), &receiver, "onResult", options), nullptr);
+    ASSERT_TRUE(waitFor([&] { return receiver.count() == 1; }));
+    EXPECT_EQ(client.get(url("/c"), &receiver, "onResult", options), nullptr); // from the cache
+    ASSERT_TRUE(waitFor([&] { return receiver.count() == 2; }));
+    EXPECT_EQ(client.get(url("/c"), &receiver, "noSuchSlot", options), nullptr);
+    trel::test::spinEventLoop(100);
+    EXPECT_EQ(receiver.count(), 2);
+}
+
+TEST_F(HttpClientRequest, BareNameFullSignatureAndSlotSpellingNameTheSameSlot)
+{
+    ResultReceiver receiver;
+    const std::vector<QByteArray> spellings
+        = { "onResult", "onResult(TrelUrl,HttpClientPrivate,int,int,QByteArray,HttpClientHeaders)",
+              "onResult(const TrelUrl&, const HttpClientPrivate&, int, int, const QByteArray&, const "
+              "HttpClientHeaders&)",
+              SLOT(onResult(TrelUrl, HttpClientPrivate, int, int, QByteArray, HttpClientHeaders)) };
+    const auto operations = slotFormOperations();
+    for (const auto& operation : operations) {
+        for (const QByteArray& slot : spellings) {
+            EXPECT_NE(operation(client, url("/s"), &receiver, slot.constData(), options), nullptr)
+                << slot.constData();
+        }
+    }
+    const int expected = static_cast<int>(operations.size() * spellings.size());
+    ASSERT_TRUE(waitFor([&] { return receiver.count() == expected; }));
+    for (const auto& result : receiver.results()) {
+        EXPECT_EQ(result.status, static_cast<int>(HttpClientStatus::OK));
+    }
+}
+
+TEST_F(HttpClientRequest, ANullReceiverStillMakesTheRequest)
+{
+    EXPECT_NE(client.get(url("/a"), nullptr, "noSuchSlot", options), nullptr);
+    EXPECT_NE(client.get(url("/a"), nullptr, nullptr, options), nullptr);
+    ASSERT_TRUE(waitForServer(2));
+}
+
+// ---------------------------------------------------------------------------
+// Callbacks tied to a context object
+
+// Every request operation in its callback form with a context object.
+std::vector<std::function<void*(
+    HttpClient&, const TrelUrl&, const HttpClientOptions&, QObject*, HttpClient::Callback)>>
+contextFormOperations()
+{
+    using Options = const HttpClientOptions&;
+    using Callback = HttpClient::Callback;
+    return {
+        [](HttpClient& c, const TrelUrl& u, Options o, QObject* x, Callback f) { return c.get(u, o, x, f); },
+        [](HttpClient& c, const TrelUrl& u, Options o, QObject* x, Callback f) { return c.head(u, o, x, f); },
+        [](HttpClient& c, const TrelUrl& u, Options o, QObject* x, Callback f) {
+            return c.post(u, "b", o, x, f);
+        },
+        [](HttpClient& c, const TrelUrl& u, Options o, QObject* x, Callback f) {
+            return c.put(u, "b", o, x, f);
+        },
+        [](HttpClient& c, const TrelUrl& u, Options o, QObject* x, Callback f) {
+            return c.delete_(u, "b", o, x, f);
+        },
+        [](HttpClient& c, const TrelUrl& u, Options o, QObject* x, Callback f) {
+            return c.patch(u, "b", o, x, f);
+        },
+        [](HttpClient& c, const TrelUrl& u, Options o, QObject* x, Callback f) {
+            auto queue = QSharedPointer<HttpClientQueue>::create(nullptr);
+            queue->close();
+            return c.postStream(u, queue, o, x, f);
+        },
+        [](HttpClient& c, const TrelUrl& u, Options o, QObject* x, Callback f) {
+            return c.postForm(u, { { "k", "v" } }, o, x, f);
+        },
+        [](HttpClient& c, const TrelUrl& u, Options o, QObject* x, Callback f) {
+            return c.postFile(u, "f", o, x, f);
+        },
+    };
+}
+
+TEST_F(HttpClientRequest, ALiveContextGetsEveryCallbackAndANullOneGuardsNothing)
+{
+    QObject context;
+    const auto operations = contextFormOperations();
+    for (const auto& operation : operations) {
+        EXPECT_NE(operation(client, url("/live"), options, &context, results.callback()), nullptr);
+        EXPECT_NE(operation(client, url("/null"), options, nullptr, results.callback()), nullptr);
+    }
+    ASSERT_TRUE(results.waitFor(2 * operations.size()));
+    for (const auto& result : results.received) {
+        EXPECT_EQ(result.status, HttpClientStatus::OK);
+    }
+}
+
+TEST_F(HttpClientRequest, AContextDestroyedBeforeDeliveryDropsTheCallbackButNotTheRequest)
+{
+    LogCapture capture(log4cplus::TRACE_LOG_LEVEL);
+    const auto operations = contextFormOperations();
+    int ran = 0;
+    for (const auto& operation : operations) {
+        auto context = std::make_unique<QObject>();
+        EXPECT_NE(
+            operation(client, url("/gone"), options, context.get(), [&](const HttpClientResult&) { ++ran; }),
+            nullptr);
+        context.reset();
+    }
+    const int count = static_cast<int>(operations.size());
+    ASSERT_TRUE(waitForServer(count));
+    const std::string dropped
+        = "Context of a callback is gone, result dropped: " + url("/gone").toString().toStdString();
+    ASSERT_TRUE(waitFor([&] { return capture.count(dropped) == count; }));
+    // Each transfer ran to its end: none was cancelled on the context's account.
+    EXPECT_EQ(capture.countPrefix(log4cplus::TRACE_LOG_LEVEL, "Transfer ["), count);
+    trel::test::spinEventLoop(50);
+    EXPECT_EQ(ran, 0);
+}
+
+TEST_F(HttpClientRequest, AContextDestroyedByAnEarlierCallbackDropsOnlyItsOwn)
+{
+    auto doomed = std::make_unique<QObject>();
+    QObject kept;
+    std::vector<std::string> order;
+    server().setHandler([](const RecordedRequest& request) {
+        ScriptedResponse response = ScriptedResponse::ok("ok");
+        response.delayMs = request.target == "/1" ? 0 : 200; // the two later results arrive together
+        return response;
+    });
+    client.get(url("/2"), options, doomed.get(), [&](const HttpClientResult&) { order.push_back("doomed"); });
+    client.get(url("/3"), options, &kept, [&](const HttpClientResult&) { order.push_back("third"); });
+    client.get(url("/1"), options, &kept, [&](const HttpClientResult&) {
+        order.push_back("first");
+        doomed.reset();
+    });
+    ASSERT_TRUE(waitFor([&] { return order.size() >= 2; }));
+    trel::test::spinEventLoop(100);
+    EXPECT_EQ(order, std::vector<std::string>({ "first", "third" }));
 }
 
 TEST_F(HttpClientRequest, TwoResultsForOneReceiverArriveInTheOrderQueued)

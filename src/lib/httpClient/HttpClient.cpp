@@ -18,6 +18,33 @@ constexpr std::size_t kMaxSpareHandles = 256;
 
 // A response to a request that carried credentials belongs to that user alone:
 // it is neither served from the cache nor stored in it.
+// The argument list every result slot has, as Qt's meta-object system spells
+// it after normalising: what the delivery's queued invocation looks up.
+const char* const kResultSlotArguments = "(TrelUrl,HttpClientPrivate,int,int,QByteArray,HttpClientHeaders)";
+
+// The bare name of the six-argument result slot that `slot` names on a class,
+// or empty when the class has none. `slot` may be the bare name, the full
+// signature, or the SLOT() spelling (its leading method-kind digit). Checked
+// when the request is made: a result for a slot that does not exist would
+// otherwise be lost at delivery with only Qt's warning.
+QByteArray resultSlotName(const QMetaObject& receiverClass, const char* slot)
+{
+    QByteArray spelled = QByteArray(slot).trimmed();
+    if (!spelled.isEmpty() && spelled.front() >= '0' && spelled.front() <= '9') {
+        spelled.remove(0, 1); // no C++ name starts with a digit
+    }
+    const int argumentsStart = spelled.indexOf('(');
+    const QByteArray name = (argumentsStart < 0 ? spelled : spelled.left(argumentsStart)).trimmed();
+    if (name.isEmpty()) {
+        return {};
+    }
+    const QByteArray signature = name + kResultSlotArguments;
+    if (argumentsStart >= 0 && QMetaObject::normalizedSignature(spelled.constData()) != signature) {
+        return {};
+    }
+    return receiverClass.indexOfMethod(signature.constData()) >= 0 ? name : QByteArray();
+}
+
 bool carriesCredentials(const HttpClientOptions& options)
 {
     // Names in lower case: matching without case then makes no new string.
@@ -35,10 +62,31 @@ HttpClient::Reply HttpClient::Reply::toSlot(QObject* receiver, const char* slot)
     return reply;
 }
 
+HttpClient::Reply HttpClient::Reply::toResultSlot(QObject* receiver, const char* slot)
+{
+    Reply reply = toSlot(receiver, slot);
+    if (receiver) {
+        const QByteArray bareName = resultSlotName(*receiver->metaObject(), slot);
+        reply.slotMissing = bareName.isEmpty();
+        if (!reply.slotMissing) {
+            reply.slot = bareName;
+        }
+    }
+    return reply;
+}
+
 HttpClient::Reply HttpClient::Reply::toCallback(Callback callback)
 {
     Reply reply;
     reply.callback = std::move(callback);
+    return reply;
+}
+
+HttpClient::Reply HttpClient::Reply::toCallback(QObject* context, Callback callback)
+{
+    Reply reply = toCallback(std::move(callback));
+    reply.context = context;
+    reply.hasContext = context != nullptr;
     return reply;
 }
 
@@ -337,6 +385,10 @@ void* HttpClient::send(const TrelUrl& url, HttpMethod method, const T& body, con
     if (!onOwnThread(signature)) {
         return nullptr;
     }
+    if (reply.slotMissing) {
+        refuseMissingSlot(reply);
+        return nullptr;
+    }
     if (method == Get && !carriesCredentials(options)) {
         if (const HttpClientCacheEntry* const entry = cache.retrieve(url)) {
             // Copied at once: the entry may go with the next cache change.
@@ -377,6 +429,13 @@ QSharedPointer<HttpClientTransfer> HttpClient::takeTransfer(void* id)
         idsByHandle.remove(transfer->handle());
     }
     return transfer;
+}
+
+void HttpClient::refuseMissingSlot(const Reply& reply) const
+{
+    const char* const receiverClass = reply.receiver ? reply.receiver->metaObject()->className() : "";
+    TREL_ERROR("Refused, " << receiverClass << " has no slot \"" << reply.slot.constData()
+                           << "\" taking the result's arguments " << kResultSlotArguments);
 }
 
 bool HttpClient::onOwnThread(const char* operation) const
@@ -422,7 +481,7 @@ QSharedPointer<HttpClientTransfer> HttpClient::createTransfer(
 void* HttpClient::get(
     const TrelUrl& url, QObject* receiver, const char* slot, const HttpClientOptions& options)
 {
-    return send(url, Get, QByteArray(), options, Reply::toSlot(receiver, slot), __PRETTY_FUNCTION__);
+    return send(url, Get, QByteArray(), options, Reply::toResultSlot(receiver, slot), __PRETTY_FUNCTION__);
 }
 
 void* HttpClient::get(const TrelUrl& url, const HttpClientOptions& options, Callback callback)
@@ -430,10 +489,17 @@ void* HttpClient::get(const TrelUrl& url, const HttpClientOptions& options, Call
     return send(url, Get, QByteArray(), options, Reply::toCallback(std::move(callback)), __PRETTY_FUNCTION__);
 }
 
+void* HttpClient::get(
+    const TrelUrl& url, const HttpClientOptions& options, QObject* context, Callback callback)
+{
+    return send(url, Get, QByteArray(), options, Reply::toCallback(context, std::move(callback)),
+        __PRETTY_FUNCTION__);
+}
+
 void* HttpClient::head(
     const TrelUrl& url, QObject* receiver, const char* slot, const HttpClientOptions& options)
 {
-    return send(url, Head, QByteArray(), options, Reply::toSlot(receiver, slot), __PRETTY_FUNCTION__);
+    return send(url, Head, QByteArray(), options, Reply::toResultSlot(receiver, slot), __PRETTY_FUNCTION__);
 }
 
 void* HttpClient::head(const TrelUrl& url, const HttpClientOptions& options, Callback callback)
@@ -442,10 +508,17 @@ void* HttpClient::head(const TrelUrl& url, const HttpClientOptions& options, Cal
         url, Head, QByteArray(), options, Reply::toCallback(std::move(callback)), __PRETTY_FUNCTION__);
 }
 
+void* HttpClient::head(
+    const TrelUrl& url, const HttpClientOptions& options, QObject* context, Callback callback)
+{
+    return send(url, Head, QByteArray(), options, Reply::toCallback(context, std::move(callback)),
+        __PRETTY_FUNCTION__);
+}
+
 void* HttpClient::post(const TrelUrl& url, const QByteArray& data, QObject* receiver, const char* slot,
     const HttpClientOptions& options)
 {
-    return send(url, Post, data, options, Reply::toSlot(receiver, slot), __PRETTY_FUNCTION__);
+    return send(url, Post, data, options, Reply::toResultSlot(receiver, slot), __PRETTY_FUNCTION__);
 }
 
 void* HttpClient::post(
@@ -454,10 +527,17 @@ void* HttpClient::post(
     return send(url, Post, data, options, Reply::toCallback(std::move(callback)), __PRETTY_FUNCTION__);
 }
 
+void* HttpClient::post(const TrelUrl& url, const QByteArray& data, const HttpClientOptions& options,
+    QObject* context, Callback callback)
+{
+    return send(
+        url, Post, data, options, Reply::toCallback(context, std::move(callback)), __PRETTY_FUNCTION__);
+}
+
 void* HttpClient::put(const TrelUrl& url, const QByteArray& data, QObject* receiver, const char* slot,
     const HttpClientOptions& options)
 {
-    return send(url, Put, data, options, Reply::toSlot(receiver, slot), __PRETTY_FUNCTION__);
+    return send(url, Put, data, options, Reply::toResultSlot(receiver, slot), __PRETTY_FUNCTION__);
 }
 
 void* HttpClient::put(
@@ -466,10 +546,17 @@ void* HttpClient::put(
     return send(url, Put, data, options, Reply::toCallback(std::move(callback)), __PRETTY_FUNCTION__);
 }
 
+void* HttpClient::put(const TrelUrl& url, const QByteArray& data, const HttpClientOptions& options,
+    QObject* context, Callback callback)
+{
+    return send(
+        url, Put, data, options, Reply::toCallback(context, std::move(callback)), __PRETTY_FUNCTION__);
+}
+
 void* HttpClient::delete_(const TrelUrl& url, const QByteArray& data, QObject* receiver, const char* slot,
     const HttpClientOptions& options)
 {
-    return send(url, Delete, data, options, Reply::toSlot(receiver, slot), __PRETTY_FUNCTION__);
+    return send(url, Delete, data, options, Reply::toResultSlot(receiver, slot), __PRETTY_FUNCTION__);
 }
 
 void* HttpClient::delete_(
@@ -478,10 +565,17 @@ void* HttpClient::delete_(
     return send(url, Delete, data, options, Reply::toCallback(std::move(callback)), __PRETTY_FUNCTION__);
 }
 
+void* HttpClient::delete_(const TrelUrl& url, const QByteArray& data, const HttpClientOptions& options,
+    QObject* context, Callback callback)
+{
+    return send(
+        url, Delete, data, options, Reply::toCallback(context, std::move(callback)), __PRETTY_FUNCTION__);
+}
+
 void* HttpClient::patch(const TrelUrl& url, const QByteArray& data, QObject* receiver, const char* slot,
     const HttpClientOptions& options)
 {
-    return send(url, Patch, data, options, Reply::toSlot(receiver, slot), __PRETTY_FUNCTION__);
+    return send(url, Patch, data, options, Reply::toResultSlot(receiver, slot), __PRETTY_FUNCTION__);
 }
 
 void* HttpClient::patch(
@@ -490,10 +584,17 @@ void* HttpClient::patch(
     return send(url, Patch, data, options, Reply::toCallback(std::move(callback)), __PRETTY_FUNCTION__);
 }
 
+void* HttpClient::patch(const TrelUrl& url, const QByteArray& data, const HttpClientOptions& options,
+    QObject* context, Callback callback)
+{
+    return send(
+        url, Patch, data, options, Reply::toCallback(context, std::move(callback)), __PRETTY_FUNCTION__);
+}
+
 void* HttpClient::postStream(const TrelUrl& url, QSharedPointer<HttpClientQueue> queue, QObject* receiver,
     const char* slot, const HttpClientOptions& options)
 {
-    return send(url, Post, queue, options, Reply::toSlot(receiver, slot), __PRETTY_FUNCTION__);
+    return send(url, Post, queue, options, Reply::toResultSlot(receiver, slot), __PRETTY_FUNCTION__);
 }
 
 void* HttpClient::postStream(const TrelUrl& url, QSharedPointer<HttpClientQueue> queue,
@@ -502,10 +603,17 @@ void* HttpClient::postStream(const TrelUrl& url, QSharedPointer<HttpClientQueue>
     return send(url, Post, queue, options, Reply::toCallback(std::move(callback)), __PRETTY_FUNCTION__);
 }
 
+void* HttpClient::postStream(const TrelUrl& url, QSharedPointer<HttpClientQueue> queue,
+    const HttpClientOptions& options, QObject* context, Callback callback)
+{
+    return send(
+        url, Post, queue, options, Reply::toCallback(context, std::move(callback)), __PRETTY_FUNCTION__);
+}
+
 void* HttpClient::postForm(const TrelUrl& url, const QList<QPair<QString, QString>>& fields,
     QObject* receiver, const char* slot, const HttpClientOptions& options)
 {
-    return send(url, Post, fields, options, Reply::toSlot(receiver, slot), __PRETTY_FUNCTION__);
+    return send(url, Post, fields, options, Reply::toResultSlot(receiver, slot), __PRETTY_FUNCTION__);
 }
 
 void* HttpClient::postForm(const TrelUrl& url, const QList<QPair<QString, QString>>& fields,
@@ -514,11 +622,18 @@ void* HttpClient::postForm(const TrelUrl& url, const QList<QPair<QString, QStrin
     return send(url, Post, fields, options, Reply::toCallback(std::move(callback)), __PRETTY_FUNCTION__);
 }
 
+void* HttpClient::postForm(const TrelUrl& url, const QList<QPair<QString, QString>>& fields,
+    const HttpClientOptions& options, QObject* context, Callback callback)
+{
+    return send(
+        url, Post, fields, options, Reply::toCallback(context, std::move(callback)), __PRETTY_FUNCTION__);
+}
+
 void* HttpClient::postFile(const TrelUrl& url, const QByteArray& data, QObject* receiver, const char* slot,
     const HttpClientOptions& options)
 {
     return send(url, Post, QSharedPointer<HttpClientTransfer::File>::create(data), options,
-        Reply::toSlot(receiver, slot), __PRETTY_FUNCTION__);
+        Reply::toResultSlot(receiver, slot), __PRETTY_FUNCTION__);
 }
 
 void* HttpClient::postFile(
@@ -526,6 +641,13 @@ void* HttpClient::postFile(
 {
     return send(url, Post, QSharedPointer<HttpClientTransfer::File>::create(data), options,
         Reply::toCallback(std::move(callback)), __PRETTY_FUNCTION__);
+}
+
+void* HttpClient::postFile(const TrelUrl& url, const QByteArray& data, const HttpClientOptions& options,
+    QObject* context, Callback callback)
+{
+    return send(url, Post, QSharedPointer<HttpClientTransfer::File>::create(data), options,
+        Reply::toCallback(context, std::move(callback)), __PRETTY_FUNCTION__);
 }
 
 // ---------------------------------------------------------------------------
@@ -588,7 +710,7 @@ void HttpClient::notifyCaller(
         return;
     }
     if (reply.callback) {
-        queueCallback(result, reply.callback);
+        queueCallback(result, reply);
     }
     // No destination: the result is dropped.
 }
@@ -596,9 +718,9 @@ void HttpClient::notifyCaller(
 // Callback results wait in one queue and one queued call delivers them all, in
 // the order they were reported. Looking the delivery slot up by name and
 // posting an event for every result cost a wake-up of the event loop each.
-void HttpClient::queueCallback(const HttpClientResult& result, const Callback& callback)
+void HttpClient::queueCallback(const HttpClientResult& result, const Reply& reply)
 {
-    queuedCallbacks.push_back(QueuedCallback { result, callback });
+    queuedCallbacks.push_back(QueuedCallback { result, reply.callback, reply.context, reply.hasContext });
     postCallbackDelivery();
 }
 
@@ -624,6 +746,10 @@ void HttpClient::deliverQueuedCallbacks()
         queuedCallbacks.pop_front();
         if (!queuedCallbacks.empty()) {
             postCallbackDelivery();
+        }
+        if (next.hasContext && next.context.isNull()) {
+            TREL_DEBUG("Context of a callback is gone, result dropped: " << next.result.url);
+            continue;
         }
         on_notifyCaller_sync(next.result, std::move(next.callback));
         if (!alive) {
