@@ -943,6 +943,45 @@ TEST_F(HttpClientRequest, AContextDestroyedByAnEarlierCallbackDropsOnlyItsOwn)
     EXPECT_EQ(order, std::vector<std::string>({ "first", "third" }));
 }
 
+// ---------------------------------------------------------------------------
+// Log lines never carry credentials
+
+TEST_F(HttpClientRequest, LogLinesHideTheUrlsPasswordAndCookiesWhileResultsKeepThem)
+{
+    server().setHandler([](const RecordedRequest&) {
+        return ScriptedResponse::ok("ok")
+            .addHeader("Set-Cookie", "session=cookie-secret")
+            .addHeader("Authorization", "Bearer header-secret")
+            .addHeader("X-Plain", "visible");
+    });
+    LogCapture capture(log4cplus::TRACE_LOG_LEVEL);
+    QByteArray withPassword = server().url("/private");
+    withPassword.replace("http://", "http://user:url-secret@");
+    const TrelUrl secretUrl = TrelUrl::fromEncoded(withPassword);
+    client.get(secretUrl, options, results.callback());
+    ASSERT_TRUE(results.waitFor(1));
+    const HttpClientResult& result = results.received[0];
+    EXPECT_EQ(result.url, secretUrl);
+    EXPECT_EQ(result.headers.value("Set-Cookie", QString()), "session=cookie-secret");
+    const std::vector<std::string> messages = capture.messages();
+    ASSERT_FALSE(messages.empty());
+    int hiddenPasswords = 0;
+    int hiddenCookies = 0;
+    for (const std::string& message : messages) {
+        EXPECT_EQ(message.find("secret"), std::string::npos) << message;
+        hiddenPasswords += message.find("user:***@127.0.0.1") != std::string::npos ? 1 : 0;
+        hiddenCookies += message.find("Set-Cookie: ***") != std::string::npos ? 1 : 0;
+    }
+    EXPECT_GE(hiddenPasswords, 3); // the request's entry lines and the transfer's end
+    EXPECT_EQ(hiddenCookies, 1); // the result offered to the cache
+    EXPECT_EQ(capture.countPrefix(log4cplus::TRACE_LOG_LEVEL, "Enter bool HttpClientCache::tryCache"), 1);
+    const std::vector<std::string> offered = capture.messages(log4cplus::TRACE_LOG_LEVEL);
+    EXPECT_TRUE(std::any_of(offered.begin(), offered.end(), [](const std::string& line) {
+        return line.find("Authorization: ***") != std::string::npos
+            && line.find("X-Plain: visible") != std::string::npos;
+    }));
+}
+
 TEST_F(HttpClientRequest, TwoResultsForOneReceiverArriveInTheOrderQueued)
 {
     options.setHeaders({});

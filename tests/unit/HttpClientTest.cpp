@@ -15,10 +15,14 @@
 #include <QMetaType>
 #include <QPointer>
 
+#include <log4cplus/configurator.h>
+
 #include <sys/socket.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <array>
+#include <cstdio>
 #include <sstream>
 
 // Reads the engine's private state; declared a friend by HttpClient.
@@ -560,6 +564,61 @@ TEST(HttpClientCacheControl, SetCacheSizeAndClearForwardToTheCache)
         log4cplus::TRACE_LOG_LEVEL, "Enter void HttpClientCache::setCacheSize(int): Bytes 4096"));
     EXPECT_TRUE(capture.contains(log4cplus::TRACE_LOG_LEVEL, "Enter void HttpClient::clearCache(): "));
     EXPECT_TRUE(capture.contains(log4cplus::TRACE_LOG_LEVEL, "Enter void HttpClientCache::clear(): "));
+}
+
+// ---------------------------------------------------------------------------
+// Logging of an application that never configured log4cplus
+
+// What a forked child writes to standard output and standard error while it
+// makes calls that log at DEBUG and ERROR (the levels log4cplus lets through
+// by default): a refused slot and an unknown id.
+std::string outputOfLoggingCalls(bool configureLogging)
+{
+    std::array<int, 2> pipeFds { -1, -1 };
+    EXPECT_EQ(::pipe(pipeFds.data()), 0);
+    const pid_t child = ::fork();
+    if (child == 0) {
+        ::dup2(pipeFds[1], STDOUT_FILENO);
+        ::dup2(pipeFds[1], STDERR_FILENO);
+        ::close(pipeFds[0]);
+        if (configureLogging) {
+            log4cplus::BasicConfigurator config;
+            config.configure();
+        }
+        {
+            HttpClient client;
+            QObject receiver;
+            client.get(
+                TrelUrl::fromEncoded("http://127.0.0.1:9/"), &receiver, "noSuchSlot", HttpClientOptions());
+            client.cancel(reinterpret_cast<void*>(0x5eed));
+        }
+        std::fflush(stdout);
+        std::fflush(stderr);
+        ::_exit(0);
+    }
+    ::close(pipeFds[1]);
+    std::string output;
+    std::array<char, 4096> chunk {};
+    for (ssize_t got = 0; (got = ::read(pipeFds[0], chunk.data(), chunk.size())) > 0;) {
+        output.append(chunk.data(), static_cast<size_t>(got));
+    }
+    ::close(pipeFds[0]);
+    int status = -1;
+    EXPECT_EQ(::waitpid(child, &status, 0), child);
+    EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0);
+    return output;
+}
+
+TEST(HttpClientLogging, AnApplicationThatConfiguredNoLoggingSeesNothing)
+{
+    EXPECT_EQ(outputOfLoggingCalls(false), "");
+}
+
+TEST(HttpClientLogging, AnApplicationThatConfiguredLoggingGetsTheLines)
+{
+    const std::string output = outputOfLoggingCalls(true);
+    EXPECT_NE(output.find("Refused, QObject has no slot \"noSuchSlot\""), std::string::npos) << output;
+    EXPECT_NE(output.find("No such transfer"), std::string::npos) << output;
 }
 
 } // namespace

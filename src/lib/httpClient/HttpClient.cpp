@@ -380,8 +380,8 @@ void* HttpClient::send(const TrelUrl& url, HttpMethod method, const T& body, con
     const Reply& reply, const char* signature)
 {
     TREL_ENTER_AS(signature,
-        "Url: " << url << ", method: " << static_cast<int>(method) << ", timeout: " << options.timeoutMs()
-                << "ms");
+        "Url: " << trel::log::RedactedUrl { url } << ", method: " << static_cast<int>(method)
+                << ", timeout: " << options.timeoutMs() << "ms");
     if (!onOwnThread(signature)) {
         return nullptr;
     }
@@ -450,7 +450,7 @@ bool HttpClient::onOwnThread(const char* operation) const
 QSharedPointer<HttpClientTransfer> HttpClient::createTransfer(
     TrelUrl url, HttpMethod method, const HttpClientOptions& options, const Reply& reply)
 {
-    TREL_ENTER("Url: " << url << " method: " << static_cast<int>(method));
+    TREL_ENTER("Url: " << trel::log::RedactedUrl { url } << " method: " << static_cast<int>(method));
     // The caller's own URL, before rewriting: results and the cache use it.
     const bool offerToCache = method == Get && !carriesCredentials(options);
     auto completion = [this, callerUrl = url, offerToCache, options, reply](
@@ -697,8 +697,8 @@ void HttpClient::notifyCaller(
 {
     if (reply.toReceiver && !reply.slot.isEmpty()) {
         if (reply.receiver.isNull()) {
-            TREL_DEBUG(
-                "Receiver of " << reply.slot.constData() << " is gone, result dropped: " << result.url);
+            TREL_DEBUG("Receiver of " << reply.slot.constData() << " is gone, result dropped: "
+                                      << trel::log::RedactedUrl { result.url });
             return;
         }
         const int status = result.status;
@@ -748,7 +748,8 @@ void HttpClient::deliverQueuedCallbacks()
             postCallbackDelivery();
         }
         if (next.hasContext && next.context.isNull()) {
-            TREL_DEBUG("Context of a callback is gone, result dropped: " << next.result.url);
+            TREL_DEBUG("Context of a callback is gone, result dropped: " << trel::log::RedactedUrl {
+                           next.result.url });
             continue;
         }
         on_notifyCaller_sync(next.result, std::move(next.callback));

@@ -46,23 +46,24 @@ const HttpClientCacheEntry* HttpClientCache::retrieve(const TrelUrl& url)
         return nullptr;
     }
     if (!entry->isFresh()) {
-        TREL_DEBUG("Cache entry expired " << url);
+        TREL_DEBUG("Cache entry expired " << trel::log::RedactedUrl { url });
         entries.remove(key);
         return nullptr;
     }
-    TREL_DEBUG("Request found in cache " << url);
+    TREL_DEBUG("Request found in cache " << trel::log::RedactedUrl { url });
     return entry;
 }
 
 bool HttpClientCache::tryCache(const TrelUrl& url, HttpClientStatus status, int code,
     const HttpClientHeaders& headers, const QByteArray& body)
 {
-    TREL_ENTER("Url: " << url << " status: " << status << " code: " << code << " header: " << headers);
+    TREL_ENTER("Url: " << trel::log::RedactedUrl { url } << " status: " << status << " code: " << code
+                       << " header: " << trel::log::RedactedHeaders { headers });
     if (entries.maxCost() == 0 || variesBeyondEncoding(headers)
         || !HttpClientCacheEntry::shouldCache(headers)) {
         return false;
     }
-    TREL_DEBUG("Inserting into cache " << url);
+    TREL_DEBUG("Inserting into cache " << trel::log::RedactedUrl { url });
     // A body larger than the whole budget is still stored, pushing out every other entry.
     const int cost = std::min(body.size(), entries.maxCost());
     entries.insert(url.cachePath(), new HttpClientCacheEntry(status, code, headers, body), cost);

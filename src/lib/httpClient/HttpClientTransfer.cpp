@@ -643,8 +643,8 @@ void HttpClientTransfer::finish(CURLMsg* message)
     }
     const long code = responseCode();
     const CURLcode result = message->data.result;
-    TREL_TRACE("Transfer [" << easy.get() << "] " << url << ", done: " << static_cast<int>(result)
-                            << ", code: " << code);
+    TREL_TRACE("Transfer [" << easy.get() << "] " << trel::log::RedactedUrl { url }
+                            << ", done: " << static_cast<int>(result) << ", code: " << code);
     TREL_TRACE("Output   [" << easy.get() << "] " << receiveBuffer.body.size() << " bytes");
     const HttpClientStatus status = statusFromCurlCode(result);
     HttpClientHeaders headers = receivedHeaders(status == HttpClientStatus::OK);

@@ -3,7 +3,9 @@
 // The library's one logging helper. Every record goes to the logger
 // "HttpClient" with the source file named without its extension, the line of
 // the statement and the function. Messages are built by streaming, and only
-// after the level check, so a disabled level costs one comparison.
+// after the level check, so a disabled level costs one comparison. URLs and
+// header fields go through RedactedUrl and RedactedHeaders, so no log line
+// carries a password, a token or a cookie.
 
 #include <trel/DbgLog.h>
 #include <trel/HttpClientHeaders.h>
@@ -22,13 +24,34 @@ inline log4cplus::Logger libraryLogger()
     return log4cplus::Logger::getInstance(LOG4CPLUS_TEXT("HttpClient"));
 }
 
+// Whether a record of `logger` would reach an appender. An application that
+// never configured log4cplus has none, and log4cplus would then complain on
+// standard error about a library's lines the application never asked for.
+// Takes a copy: log4cplus asks for appenders through a non-const handle.
+bool reachesAnAppender(log4cplus::Logger logger);
+
+// A URL as log lines show it: the password of its user information as "***".
+struct RedactedUrl
+{
+    const TrelUrl& url;
+};
+std::ostream& operator<<(std::ostream& out, const RedactedUrl& redacted);
+
+// Header fields as log lines show them: the values of the fields that carry
+// credentials (Authorization, Proxy-Authorization, Cookie, Set-Cookie) as "***".
+struct RedactedHeaders
+{
+    const HttpClientHeaders& headers;
+};
+std::ostream& operator<<(std::ostream& out, const RedactedHeaders& redacted);
+
 } // namespace trel::log
 
 // Each source file defines `kLogFile` (its path without extension) and
 // `logger` (a static log4cplus::Logger named "HttpClient") before using these.
 #define TREL_LOG(level, message)                                                                             \
     do {                                                                                                     \
-        if (logger.isEnabledFor(level)) {                                                                    \
+        if (logger.isEnabledFor(level) && trel::log::reachesAnAppender(logger)) {                            \
             std::ostringstream trelLogStream_;                                                               \
             trelLogStream_ << message;                                                                       \
             logger.forcedLog(level, trelLogStream_.str(), kLogFile, __LINE__, __func__);                     \
