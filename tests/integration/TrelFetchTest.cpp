@@ -61,6 +61,11 @@ ScriptedResponse routes(const RecordedRequest& request)
         response.chunkSize = 4000;
         return response;
     }
+    if (path == "/cookies") {
+        return ScriptedResponse::ok("two cookies\n")
+            .addHeader("Set-Cookie", "a=1")
+            .addHeader("Set-Cookie", "b=2");
+    }
     if (path == "/stall") {
         ScriptedResponse response;
         response.fault = ScriptedResponse::Fault::Stall;
@@ -605,6 +610,25 @@ TEST_F(TrelFetch, VerboseShowsRequestAndResponseHeaders)
     EXPECT_TRUE(err.contains("< HTTP/1.1 200\n")) << run.err.constData();
     EXPECT_TRUE(err.contains("< Content-Length: 3\n")) << run.err.constData();
     EXPECT_FALSE(err.contains("TRACE")) << "the library's log is not part of -v";
+}
+
+TEST_F(TrelFetch, VerboseNamesTheProtocolSpokenNotTheOneAskedFor)
+{
+    // libcurl asks a cleartext server to upgrade; an HTTP/1.1 server never does.
+    const FetchRun run = runFetch({ "-v", "--http2", url("/bytes/3") });
+    EXPECT_EQ(run.exitCode, 0) << run.err.constData();
+    const QString err = QString::fromUtf8(run.err);
+    EXPECT_TRUE(err.contains("> GET /bytes/3 HTTP/1.1\n")) << run.err.constData();
+    EXPECT_TRUE(err.contains("< HTTP/1.1 200\n")) << run.err.constData();
+    EXPECT_FALSE(err.contains("HTTP/2")) << run.err.constData();
+    EXPECT_EQ(onlyRequest().version, "HTTP/1.1");
+}
+
+TEST_F(TrelFetch, VerboseShowsEveryValueOfARepeatedField)
+{
+    const FetchRun run = runFetch({ "-v", url("/cookies") });
+    EXPECT_EQ(run.exitCode, 0) << run.err.constData();
+    EXPECT_TRUE(run.err.contains("< Set-Cookie: a=1\n< Set-Cookie: b=2\n")) << run.err.constData();
 }
 
 TEST_F(TrelFetch, TraceLibraryWritesTheLibraryLog)

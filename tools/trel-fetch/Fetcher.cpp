@@ -187,10 +187,7 @@ void Fetcher::launch(int jobIndex)
         failLater(token, failure);
         return;
     }
-    if (config.verbose) {
-        reporter.requestHeaders(
-            methodName(config.method), url, config.options.headers(), config.version == HttpClient::Http2);
-    }
+    transfer.requestUrl = url;
     transfer.id = send(url, [this, token](const HttpClientResult& result) { onResult(token, result); });
     if (!transfer.id) {
         if (config.method == HttpClient::Get && config.cacheSize > 0) {
@@ -362,7 +359,9 @@ void Fetcher::mergeHeaders(Transfer& transfer, const HttpClientResult& result)
     }
     const QHash<QString, QString> arrived = result.headers.headers();
     for (auto it = arrived.cbegin(); it != arrived.cend(); ++it) {
-        transfer.headers.insert(it.key(), it.value());
+        for (const QString& value : result.headers.values(it.key())) {
+            transfer.headers.insert(it.key(), value); // every value of a repeated field
+        }
     }
 }
 
@@ -379,7 +378,13 @@ void Fetcher::noteResponse(Transfer& transfer)
     const bool savedAnyway = config.saveErrors && transfer.sink && !transfer.sink->path().isEmpty();
     transfer.dropBody = config.failOnHttpError && transfer.code >= 400 && !savedAnyway;
     if (config.verbose && transfer.code > 0) {
-        reporter.responseHeaders(transfer.code, transfer.headers, config.version == HttpClient::Http2);
+        // Both once the response tells which protocol was spoken, as curl
+        // shows the request only once the connection has settled it.
+        const bool tls = transfer.requestUrl.toEncoded().startsWith("https:");
+        const QString protocol = spokenProtocol(transfer.headers, tls);
+        reporter.requestHeaders(
+            methodName(config.method), transfer.requestUrl, config.options.headers(), protocol);
+        reporter.responseHeaders(transfer.code, transfer.headers, protocol);
     }
     if (config.maxFilesize >= 0 && transfer.expected > config.maxFilesize) {
         abort(transfer, tooLarge(config.maxFilesize));

@@ -63,6 +63,7 @@ private:
         int job = 0;
         int round = 1;
         QString url;
+        TrelUrl requestUrl; // as sent; -v shows it once the response tells the protocol
         void* id = nullptr;
         QElapsedTimer clock;
         std::int64_t firstByteMs = -1;
