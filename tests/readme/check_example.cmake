@@ -1,11 +1,11 @@
 # Fails when a code block of README.md marked with <!-- example: FILE --> is
 # not found verbatim in FILE (so the README cannot drift from code the build
-# compiles). Code may hold ';', so the blocks are walked by position, not as
-# CMake lists.
+# compiles, nor from the qmake project the install check builds). Code may
+# hold ';', so the blocks are walked by position, not as CMake lists.
 file(READ ${README} readme)
 set(found 0)
 foreach(attempt RANGE 50) # more than the README will ever hold
-  string(REGEX MATCH "<!-- example: ([^ ]+) -->\n```cpp\n([^`]*)```" block "${readme}")
+  string(REGEX MATCH "<!-- example: ([^ ]+) -->\n```[a-z]*\n([^`]*)```" block "${readme}")
   if(NOT block)
     break()
   endif()
