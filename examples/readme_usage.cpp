@@ -31,11 +31,15 @@ int main(int argc, char** argv)
         return 2;
     const TrelUrl http1(QString::fromLocal8Bit(argv[1])), http2(QString::fromLocal8Bit(argv[2]));
     Receiver receiver;
-    HttpClientOptions options;
-    options.setTimeoutMs(5000);
 
     // The README quotes this block verbatim; its aligned comments are kept.
     // clang-format off
+    HttpClientOptions options;
+    options.setTimeoutMs(5000);
+    // Every request keeps at most 64 KiB of body unless told otherwise, and a
+    // longer body ends it with Error: these may bring up to 16 MiB.
+    options.setReadSizeLimit(16 * 1024 * 1024);
+
     HttpClient client;                                  // HTTP/1.1, on this thread's event loop
     client.get(http1, &receiver, "onResult", options);  // result: a queued call of the slot
     client.post(http1, "hello", options, [](const HttpClientResult& r) {

@@ -14,6 +14,19 @@
 /// A plain value: the client copies it when a request is made, so the caller
 /// may change or drop its own object right after the call; later changes do not
 /// reach requests already made. Not synchronised, like any Qt value.
+///
+/// The read size limit applies to every request, pushed responses included:
+/// unless setReadSizeLimit() says otherwise, at most 65,536 bytes (64 KiB) of a
+/// body are kept (with immediate read, between two deliveries), and a longer
+/// body ends the request with HttpClientStatus::Error. Raise the limit, or make
+/// it negative for none, wherever larger bodies are expected.
+///
+/// TLS trust is libcurl's built-in CA bundle and CA directory, the ones libcurl
+/// was built with (`curl-config --ca`; on Debian
+/// `/etc/ssl/certs/ca-certificates.crt` and `/etc/ssl/certs`, both kept by
+/// `update-ca-certificates`). No option names another bundle, and the
+/// environment variables `SSL_CERT_FILE`, `SSL_CERT_DIR` and `CURL_CA_BUNDLE`
+/// change nothing; setVerifyPeer(false) turns verification off.
 class TREL_HTTP_CLIENT_EXPORT HttpClientOptions
 {
 public:
@@ -53,17 +66,23 @@ public:
     /// Keeps at most \p readSizeLimit bytes of the response body (decoded).
     /// A longer body ends the request with HttpClientStatus::Error and the body
     /// up to the limit; 0 keeps nothing, so any body fails the request. Negative
-    /// means no limit. The default is 65536.
+    /// means no limit. The default is 65536. With setImmediateRead() on, the
+    /// limit bounds what is held between two deliveries instead, and no request
+    /// fails for size (see there).
     void setReadSizeLimit(int readSizeLimit);
     /// The most body bytes kept; negative means no limit.
     int readSizeLimit() const;
 
     /// With \p immediateRead true, what has arrived is handed over after every
     /// network event as a result with status HttpClientStatus::ImmediateRead,
-    /// and the final result carries only the rest. The read size limit applies
-    /// to what is held between two deliveries. libcurl then reads 64 KiB at a
-    /// time instead of 512 KiB, so each delivery stays small and a download of
-    /// any size needs little memory. Off by default.
+    /// and the final result carries only the rest. The read size limit then
+    /// applies to what is held between two deliveries: a write that would pass
+    /// it pauses reception until what is held has been handed over, so no
+    /// delivery is larger than the limit (when the limit is at least 64 KiB;
+    /// a smaller one can be passed by one write of libcurl's) and the request
+    /// never fails for size. libcurl then reads 64 KiB at a time instead of
+    /// 512 KiB, so each delivery stays small and a download of any size needs
+    /// little memory. Off by default.
     void setImmediateRead(bool immediateRead);
     /// Whether early deliveries are on.
     bool immediateRead() const;
