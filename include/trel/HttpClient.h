@@ -28,8 +28,10 @@
 #include <curl/curl.h>
 
 #include <cstddef>
+#include <cstdint>
 #include <deque>
 #include <functional>
+#include <map>
 #include <vector>
 
 /// An asynchronous HTTP client for the thread that owns it and runs its Qt event loop.
@@ -44,7 +46,8 @@
 /// **Ids.** A request id is opaque: keep it to compare it or to pass it to
 /// cancel(), never dereference it. One client never issues the same id twice
 /// while it lives (ids of two clients may coincide). A null id means one of two
-/// things: the request was refused (called off the client's thread, libcurl
+/// things: the request was refused (called off the client's thread, the
+/// receiver lacks the result slot, a request header is not allowed, libcurl
 /// could not create a handle, or the body could not be prepared) and no result
 /// follows, or a get() was answered from the cache and exactly one result follows.
 ///
@@ -60,12 +63,12 @@
 ///
 /// **Threads.** Everything of a client runs on the thread it belongs to
 /// (QObject::thread()). The request operations, cancel(), setCacheSize(),
-/// clearCache() and setPushProperties() refuse a call made from any other
-/// thread: they return a null id, false or nothing, write an ERROR log line,
-/// and no result follows. The destructor, too, must run on that thread. A client moved with moveToThread()
-/// takes its timers along and works on its new thread. A slot result runs on the receiver's thread (Qt's
-/// queued invocation); a callback runs on the client's thread, and is dropped if the client is destroyed
-/// before it runs.
+/// clearCache(), setPushProperties(), setMaxConnections() and
+/// setMaxConnectionsPerHost() refuse a call made from any other thread: they return a null id, false or
+/// nothing, write an ERROR log line, and no result follows. The destructor, too, must run on that thread. A
+/// client moved with moveToThread() takes its timers along and works on its new thread. A slot result runs on
+/// the receiver's thread (Qt's queued invocation); a callback runs on the client's thread, and is dropped if
+/// the client is destroyed before it runs.
 ///
 /// **Receivers.** The slot forms take a receiver and the bare name of a slot (or
 /// Q_INVOKABLE method), such as `"onResult"`, with exactly these six parameters:
@@ -90,6 +93,11 @@
 /// delivered, the callback is dropped (a DEBUG log line says so) and the
 /// request goes on; a null context guards nothing. The context is checked on
 /// the client's thread, so it should live there.
+///
+/// **Request headers.** A header of the options whose name is not an HTTP
+/// token, or whose value carries CR, LF or NUL, would split into further fields
+/// or a second request on the wire: such a request is refused at the call (null
+/// id, an ERROR log line naming the header but not its value, nothing sent).
 ///
 /// **Schemes.** Only `http` and `https` are spoken: a URL with any other
 /// scheme, and a redirect to one, ends with HttpClientStatus::Error.
@@ -516,6 +524,21 @@ public:
     ///         called off the client's thread.
     bool cancel(void* id);
 
+    /// The most connections the client keeps open at once, to all servers
+    /// together (libcurl's CURLMOPT_MAX_TOTAL_CONNECTIONS). Requests beyond it
+    /// wait in libcurl's queue for a connection to come free; a waiting
+    /// request's timeout still runs. The default leaves the process room under
+    /// its descriptor limit: half the soft RLIMIT_NOFILE at construction, at
+    /// least 256 and at most 1024. Refused off the client's thread.
+    /// \param connections the limit; 0 or less means no limit.
+    void setMaxConnections(int connections);
+    /// The most connections the client keeps open at once to one host
+    /// (libcurl's CURLMOPT_MAX_HOST_CONNECTIONS); requests beyond it wait as
+    /// with setMaxConnections(). No limit by default. Refused off the client's
+    /// thread.
+    /// \param connections the limit; 0 or less means no limit.
+    void setMaxConnectionsPerHost(int connections);
+
     /// Sets the response cache's budget of body bytes; 0 (the initial state)
     /// turns the cache off and drops what it holds.
     ///
@@ -609,6 +632,25 @@ private:
     void notifyCaller(const Reply& reply, const HttpClientResult& result, const HttpClientPrivate& context);
     void queueCallback(const HttpClientResult& result, const Reply& reply);
     void refuseMissingSlot(const Reply& reply) const;
+    bool requestHeadersAllowed(const HttpClientOptions& options) const;
+    // Admission: at most connectionLimit transfers of requests are in libcurl at
+    // once; the others wait here (see HttpClientAdmission.cpp).
+    struct WaitingTransfer
+    {
+        std::int64_t enqueuedMs = 0;
+        int timeoutMs = 0;
+        std::multimap<std::int64_t, void*>::iterator deadline;
+    };
+    void admitOrWait(void* id, HttpClientTransfer& transfer, int timeoutMs);
+    bool hasRoomForAnother() const;
+    void admit(void* id, HttpClientTransfer& transfer);
+    void releaseAdmission(void* id);
+    void admitWaiting();
+    void startAfterWaiting(void* id);
+    WaitingTransfer stopWaiting(void* id);
+    void expireWaiting();
+    void armWaitingExpiry();
+    void endRequest(void* id, HttpClientTransfer& transfer);
     void postCallbackDelivery();
     void deliverQueuedCallbacks();
     // Every connection goes through here: a connection Qt refuses (unknown
@@ -664,6 +706,14 @@ private:
     };
     std::deque<QueuedCallback> queuedCallbacks;
     bool callbackDeliveryPosted = false;
+    // Requests waiting for a place in libcurl, in the order they were made;
+    // an id no longer in `waiting` (cancelled, expired) is skipped.
+    QHash<void*, WaitingTransfer> waiting;
+    std::deque<void*> waitingOrder;
+    std::multimap<std::int64_t, void*> waitingDeadlines; // only of requests with a timeout
+    QTimer waitingExpiry; // the earliest deadline
+    QSet<void*> admittedIds; // requests in libcurl; pushed streams are not counted
+    long connectionLimit; // 0: none
 };
 
 Q_DECLARE_METATYPE(HttpClient::Callback)

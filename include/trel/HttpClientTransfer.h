@@ -94,6 +94,10 @@ public:
         bool limitPerDelivery = false;
         /// Reception is paused until the held bytes are handed over.
         bool receptionPaused = false;
+        /// Where the body's pages were last prepared for writing: its data then,
+        /// and the offset up to which its pages are faulted in.
+        const char* preparedData = nullptr;
+        std::int64_t preparedEnd = 0; ///< Offset of the first page not prepared.
     };
 
     /// Creates the easy handle for a request and configures it from \p options:
@@ -190,6 +194,12 @@ public:
     /// reports HttpClientStatus::Error, code -1, empty body and headers. On an
     /// inactive transfer it logs an ERROR line and does nothing.
     void cancel();
+    /// Ends a transfer that was never started because it waited for a
+    /// connection longer than its timeout: reports HttpClientStatus::Timeout,
+    /// code 0, no body, and the reason in `X-TrelError`. A started transfer is
+    /// left alone (an ERROR log line says so).
+    /// \param waitedMs how long it waited, for the reason's words.
+    void timeOutUnstarted(std::int64_t waitedMs);
     /// The URL \p easy (a `CURL*`) ended at after redirects; empty when libcurl
     /// has none.
     QString getEffectiveUrl(void* easy);
@@ -221,6 +231,7 @@ private:
     };
 
     static void reserveAnnounced(ReceiveBuffer& buffer);
+    static void prepareAhead(ReceiveBuffer& buffer, std::int64_t sizeAfterWrite);
     bool acceptsBody();
     void resumeUpload();
     void resumeReception();

@@ -9,7 +9,8 @@
 // pushes out the least recently used entries until the rest fit; clear empties
 // the cache and keeps the capacity. What may be stored follows the response's
 // headers ("Expires" alone decides when present, Vary other than
-// Accept-Encoding never is); keys ignore user info and fragment.
+// Accept-Encoding and Cache-Control's no-store never are); keys ignore user
+// info and fragment.
 //
 // Checked after every call: stores accepted or refused as the model says, a
 // hit returns the response stored last for its key with an expiry in the
@@ -126,6 +127,10 @@ Offer offer(int kind, bool lowerCaseNames, const Dates& dates)
             true, false, 3600 * 1000 };
     case 14:
         return { HttpClientHeaders({ { cc, "max-age=3600" }, { vary, "Accept-Encoding, Cookie" } }), false };
+    case 15: // no-store wins over any lifetime, in any case and order
+        return { HttpClientHeaders({ { cc, "max-age=3600, No-Store" } }), false };
+    case 16:
+        return { HttpClientHeaders({ { ex, dates.ahead }, { cc, "no-store, public" } }), false };
     default:
         return { HttpClientHeaders({ { QStringLiteral("Content-Type"), QStringLiteral("text/plain") } }),
             false };
@@ -218,7 +223,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
         if (choice < 7) {
             const int key = input.ConsumeIntegralInRange<int>(0, kKeys - 1);
             const int form = input.ConsumeIntegralInRange<int>(0, 2);
-            const Offer o = offer(input.ConsumeIntegralInRange<int>(0, 15), input.ConsumeBool(), dates);
+            const Offer o = offer(input.ConsumeIntegralInRange<int>(0, 17), input.ConsumeBool(), dates);
             const int bodySize = input.ConsumeBool() ? input.ConsumeIntegralInRange<int>(0, 64)
                                                      : input.ConsumeIntegralInRange<int>(0, 700);
             const int code = nextCode++;

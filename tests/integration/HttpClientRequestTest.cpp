@@ -14,8 +14,11 @@
 
 #include <gtest/gtest.h>
 
+#include <unistd.h>
+
 #include <QDeadlineTimer>
 #include <QDir>
+#include <QFile>
 #include <QThread>
 #include <QTimer>
 
@@ -23,6 +26,7 @@
 #include <atomic>
 #include <functional>
 #include <iostream>
+#include <limits>
 #include <map>
 #include <memory>
 #include <ostream>
@@ -980,6 +984,208 @@ TEST_F(HttpClientRequest, LogLinesHideTheUrlsPasswordAndCookiesWhileResultsKeepT
         return line.find("Authorization: ***") != std::string::npos
             && line.find("X-Plain: visible") != std::string::npos;
     }));
+}
+
+// ---------------------------------------------------------------------------
+// Bounded whatever a server announces
+
+long residentKilobytes()
+{
+    QFile statm(QStringLiteral("/proc/self/statm"));
+    if (!statm.open(QIODevice::ReadOnly)) {
+        return -1;
+    }
+    const QList<QByteArray> fields = statm.readAll().split(' ');
+    return fields.size() > 1 ? fields[1].toLong() * (::sysconf(_SC_PAGESIZE) / 1024) : -1;
+}
+
+TEST_F(HttpClientRequest, AnAnnouncedLengthBuysNoMemoryOnlyTheBytesThatCame)
+{
+    server().setHandler([](const RecordedRequest&) {
+        ScriptedResponse response;
+        response.raw = "HTTP/1.1 200 OK\r\nContent-Length: 3000000000\r\n\r\nabc";
+        response.closeAfter = true;
+        return response;
+    });
+    for (const int limit : { -1, std::numeric_limits<int>::max() }) {
+        for (const int atOnce : { 1, 4 }) {
+            options.setReadSizeLimit(limit);
+            Results announced;
+            long peakKb = 0;
+            const long beforeKb = residentKilobytes();
+            for (int i = 0; i < atOnce; ++i) {
+                // Measured while every result's body is still alive: the memory it holds is resident then.
+                client.get(url("/announced"), options, [&](const HttpClientResult& result) {
+                    announced.received.push_back(result);
+                    peakKb = std::max(peakKb, residentKilobytes());
+                });
+            }
+            ASSERT_TRUE(announced.waitFor(static_cast<size_t>(atOnce)));
+            for (const HttpClientResult& result : announced.received) {
+                EXPECT_EQ(result.body, "abc");
+                EXPECT_EQ(result.status, HttpClientStatus::Error); // the connection closed early
+            }
+            EXPECT_LT(peakKb - beforeKb, 32 * 1024) << "limit " << limit << ", " << atOnce << " at once";
+        }
+    }
+}
+
+// ---------------------------------------------------------------------------
+// No header injection
+
+TEST_F(HttpClientRequest, AHeaderThatWouldSplitOnTheWireRefusesTheRequestAndSendsNothing)
+{
+    const std::vector<std::pair<QString, QString>> forms = {
+        { "X-Value", "a\r\nX-Injected: 1" },
+        { "X-Value", "a\r\n\r\nGET /smuggled HTTP/1.1\r\nHost: x\r\n\r\n" },
+        { "X-Value", "a\nX-Injected: 1" },
+        { "X-Value", "a\rb" },
+        { "X-Value", QString::fromLatin1("cut\0here", 8) },
+        { "X-Name\r\nX-Injected", "1" },
+        { "X-Name\n", "1" },
+        { "X Name", "1" },
+        { "X-Name:", "1" },
+        { "", "1" },
+        { QString::fromUtf8("X-Caf\xc3\xa9"), "1" },
+    };
+    const int connectionsBefore = server().connectionCount();
+    LogCapture capture(log4cplus::ERROR_LOG_LEVEL);
+    for (const HttpClient::HttpVersion version : { HttpClient::Http1, HttpClient::Http2 }) {
+        HttpClient refusing(nullptr, version);
+        for (const auto& [name, value] : forms) {
+            HttpClientOptions injected;
+            injected.setHeaders(HttpClientHeaders { { "X-Fine", "ok" }, { name, value } });
+            EXPECT_EQ(refusing.get(url("/injected"), injected, results.callback()), nullptr)
+                << name.toStdString() << ": " << value.toStdString();
+            EXPECT_EQ(refusing.post(url("/injected"), "b", injected, results.callback()), nullptr);
+        }
+    }
+    const std::vector<std::string> lines = capture.messages(log4cplus::ERROR_LOG_LEVEL);
+    EXPECT_EQ(lines.size(), 2 * 2 * forms.size());
+    for (const std::string& line : lines) {
+        EXPECT_EQ(line.rfind("Refused, request header not allowed: ", 0), 0u) << line;
+        EXPECT_EQ(line.find("Injected: 1"), std::string::npos) << "a value is never logged: " << line;
+        EXPECT_EQ(line.find('\r'), std::string::npos) << line;
+        EXPECT_EQ(line.find('\n'), std::string::npos) << line;
+    }
+    EXPECT_EQ(capture.count("Refused, request header not allowed: X-Name\\x0d\\x0aX-Injected"), 4);
+    // A header that is fine still goes out, on a connection of its own.
+    HttpClientOptions fine;
+    fine.setHeaders(HttpClientHeaders { { "X-Fine", "tab\tand spaces are fine" } });
+    client.get(url("/fine"), fine, results.callback());
+    ASSERT_TRUE(results.waitFor(1));
+    trel::test::spinEventLoop(50);
+    ASSERT_EQ(server().requestCount(), 1);
+    EXPECT_EQ(server().requests()[0].target, "/fine");
+    EXPECT_EQ(server().requests()[0].header("X-Fine"), "tab\tand spaces are fine");
+    EXPECT_EQ(server().connectionCount() - connectionsBefore, 1); // the refused requests never connected
+}
+
+// ---------------------------------------------------------------------------
+// Requests beyond the connection limit wait their turn
+
+ScriptedResponse stallOn(const RecordedRequest& request, const QByteArray& path)
+{
+    if (request.target.startsWith(path)) {
+        ScriptedResponse response;
+        response.fault = ScriptedResponse::Fault::Stall;
+        return response;
+    }
+    return LoopbackServer::defaultRoutes(request);
+}
+
+TEST_F(HttpClientRequest, WithOneConnectionRequestsWaitTheirTurnOnIt)
+{
+    const int connectionsBefore = server().connectionCount();
+    client.setMaxConnections(1);
+    for (int i = 0; i < 5; ++i) {
+        EXPECT_NE(client.get(url("/turn/" + QByteArray::number(i)), options, results.callback()), nullptr);
+    }
+    ASSERT_TRUE(results.waitFor(5));
+    for (int i = 0; i < 5; ++i) {
+        EXPECT_EQ(results.received[i].status, HttpClientStatus::OK);
+        EXPECT_EQ(results.received[i].url, url("/turn/" + QByteArray::number(i))); // in the order made
+    }
+    EXPECT_EQ(server().connectionCount() - connectionsBefore, 1);
+}
+
+TEST_F(HttpClientRequest, AWaitingRequestsTimeoutStillRuns)
+{
+    server().setHandler([](const RecordedRequest& request) { return stallOn(request, "/stall"); });
+    client.setMaxConnections(1);
+    void* const stalled = client.get(url("/stall"), options, results.callback());
+    ASSERT_TRUE(waitForServer(1));
+    HttpClientOptions impatient;
+    impatient.setTimeoutMs(200);
+    EXPECT_NE(client.get(url("/waits"), impatient, results.callback()), nullptr);
+    ASSERT_TRUE(results.waitFor(1));
+    EXPECT_EQ(results.received[0].url, url("/waits"));
+    EXPECT_EQ(results.received[0].status, HttpClientStatus::Timeout);
+    EXPECT_TRUE(
+        results.received[0].headers.value("X-TrelError", QString()).contains("waiting for a connection"));
+    EXPECT_TRUE(client.cancel(stalled));
+    ASSERT_TRUE(results.waitFor(2));
+    EXPECT_EQ(server().requestCount(), 1); // the waiting request never went out
+}
+
+TEST_F(HttpClientRequest, CancellingAWaitingRequestReportsItOnceAndSendsNothing)
+{
+    server().setHandler([](const RecordedRequest& request) { return stallOn(request, "/stall"); });
+    client.setMaxConnections(1);
+    void* const stalled = client.get(url("/stall"), options, results.callback());
+    ASSERT_TRUE(waitForServer(1));
+    void* const waitingId = client.get(url("/waits"), options, results.callback());
+    ASSERT_NE(waitingId, nullptr);
+    EXPECT_TRUE(client.cancel(waitingId));
+    EXPECT_FALSE(client.cancel(waitingId));
+    ASSERT_TRUE(results.waitFor(1));
+    EXPECT_EQ(results.received[0].url, url("/waits"));
+    EXPECT_EQ(results.received[0].status, HttpClientStatus::Error);
+    EXPECT_EQ(results.received[0].code, -1);
+    EXPECT_TRUE(client.cancel(stalled));
+    ASSERT_TRUE(results.waitFor(2));
+    trel::test::spinEventLoop(50);
+    EXPECT_EQ(results.received.size(), 2u);
+    EXPECT_EQ(server().requestCount(), 1);
+}
+
+TEST_F(HttpClientRequest, RaisingTheLimitLetsWaitingRequestsGoAtOnce)
+{
+    server().setHandler([](const RecordedRequest& request) { return stallOn(request, "/stall"); });
+    client.setMaxConnections(1);
+    void* const stalled = client.get(url("/stall"), options, results.callback());
+    ASSERT_TRUE(waitForServer(1));
+    client.get(url("/waits"), options, results.callback());
+    trel::test::spinEventLoop(50);
+    EXPECT_EQ(server().requestCount(), 1);
+    client.setMaxConnections(0);
+    ASSERT_TRUE(results.waitFor(1));
+    EXPECT_EQ(results.received[0].status, HttpClientStatus::OK);
+    client.cancel(stalled);
+    ASSERT_TRUE(results.waitFor(2));
+}
+
+TEST_F(HttpClientRequest, DestroyingTheClientEndsWaitingRequestsWithOneResultEach)
+{
+    server().setHandler([](const RecordedRequest& request) { return stallOn(request, "/stall"); });
+    ResultReceiver receiver;
+    {
+        HttpClient limited;
+        limited.setMaxConnections(1);
+        limited.get(url("/stall"), &receiver, "onResult", options);
+        ASSERT_TRUE(waitForServer(1));
+        for (int i = 0; i < 3; ++i) {
+            limited.get(url("/waits"), &receiver, "onResult", options);
+        }
+    }
+    ASSERT_TRUE(waitFor([&] { return receiver.count() == 4; }));
+    trel::test::spinEventLoop(50);
+    EXPECT_EQ(receiver.count(), 4);
+    for (const auto& result : receiver.results()) {
+        EXPECT_EQ(result.status, static_cast<int>(HttpClientStatus::Error));
+        EXPECT_EQ(result.code, -1);
+    }
+    EXPECT_EQ(server().requestCount(), 1);
 }
 
 TEST_F(HttpClientRequest, TwoResultsForOneReceiverArriveInTheOrderQueued)

@@ -15,8 +15,15 @@
 #include <gtest/gtest.h>
 
 #include <QCryptographicHash>
+#include <QDir>
 #include <QFile>
+#include <QTemporaryFile>
+#include <QTimer>
 
+#include <sys/resource.h>
+#include <sys/wait.h>
+
+#include <csignal>
 #include <unistd.h>
 
 #include <algorithm>
@@ -276,6 +283,25 @@ TEST_F(NginxBothVersions, FieldsNamedLikeTheLibrarysOwnNeverReachTheCaller)
     }
 }
 
+TEST_F(NginxBothVersions, AnInjectedHeaderNeverReachesTheServer)
+{
+    for (const Route& route : routes()) {
+        HttpClient client(nullptr, route.version);
+        HttpClientOptions injected = insecure();
+        injected.setHeaders(
+            HttpClientHeaders { { "X-Value", "a\r\n\r\nGET /smuggled HTTP/1.1\r\nHost: x\r\n\r\n" } });
+        Results results;
+        EXPECT_EQ(client.get(urlOf(route, "/files/1k?injected=1"), injected, results.callback()), nullptr)
+            << route.name;
+        client.get(urlOf(route, "/files/1k?after=1"), insecure(), results.callback());
+        ASSERT_TRUE(results.waitFor(1)) << route.name;
+        EXPECT_EQ(results.received.size(), 1u);
+    }
+    ASSERT_TRUE(waitFor([&] { return nginx->accessLogLines("after=1").size() == 2; }));
+    EXPECT_TRUE(nginx->accessLogLines("injected=1").isEmpty());
+    EXPECT_TRUE(nginx->accessLogLines("smuggled").isEmpty());
+}
+
 // ---------------------------------------------------------------------------
 // Immediate read with the default read-size limit
 
@@ -388,6 +414,118 @@ TEST_F(NginxBothVersions, ImmediateReadOfFourStreamsAtOnceOverOneHttp2Connection
         EXPECT_LE(reader->largestPiece, 65536);
     }
     EXPECT_EQ(nginx->accessLogLines("random10m-h2?stream=").size(), 4);
+}
+
+// ---------------------------------------------------------------------------
+// Bursts stay under the descriptor limit
+
+int openDescriptors()
+{
+    return static_cast<int>(
+        QDir(QStringLiteral("/proc/self/fd")).entryList(QDir::Files | QDir::System).size());
+}
+
+// Issues `count` GETs at once and runs the event loop until every result is in,
+// counting the process's open descriptors every few milliseconds meanwhile.
+struct Burst
+{
+    int okResults = 0;
+    int otherResults = 0;
+    int peakDescriptors = 0;
+    QString firstFailure;
+
+    bool run(HttpClient& client, const QByteArray& url, int count)
+    {
+        QTimer sampler;
+        QObject::connect(&sampler, &QTimer::timeout,
+            [&] { peakDescriptors = std::max(peakDescriptors, openDescriptors()); });
+        sampler.start(10);
+        HttpClientOptions options;
+        options.setTimeoutMs(120000);
+        for (int i = 0; i < count; ++i) {
+            client.get(TrelUrl::fromEncoded(url + QByteArray::number(i)), options,
+                [&](const HttpClientResult& result) {
+                    if (result.status == HttpClientStatus::OK) {
+                        ++okResults;
+                    } else if (++otherResults == 1) {
+                        firstFailure = result.headers.value("X-TrelError", QString());
+                    }
+                    if ((okResults + otherResults) % 256 == 0) {
+                        peakDescriptors = std::max(peakDescriptors, openDescriptors());
+                    }
+                });
+        }
+        return waitFor([&] { return okResults + otherResults == count; }, 240000);
+    }
+};
+
+TEST(Descriptors, TwentyThousandGetsAtOnceStayUnderTheDefaultConnectionCap)
+{
+    NginxServer nginx;
+    ASSERT_TRUE(nginx.start()) << nginx.error().toStdString();
+    const int before = openDescriptors();
+    HttpClient
+        client; // default cap: 1024 under this suite's descriptor limits (half the soft limit otherwise)
+    rlimit limit {};
+    ASSERT_EQ(::getrlimit(RLIMIT_NOFILE, &limit), 0);
+    const int cap = static_cast<int>(std::clamp<rlim_t>(limit.rlim_cur / 2, 256, 1024));
+    Burst burst;
+    ASSERT_TRUE(burst.run(client, nginx.url("/files/1k?burst="), 20000));
+    EXPECT_EQ(burst.okResults, 20000) << burst.firstFailure.toStdString();
+    // libcurl's own wake-up pair and the like come on top of the connections.
+    EXPECT_LE(burst.peakDescriptors - before, cap + 8);
+    EXPECT_GT(burst.peakDescriptors - before, 16) << "the burst ran on many connections at once";
+}
+
+// Runs in a child process whose soft descriptor limit the parent lowered to
+// 1,024 before starting it; disabled, so it runs only there.
+TEST(Descriptors, DISABLED_ThreeThousandGetsUnderASoftLimitOf1024)
+{
+    rlimit limit {};
+    ASSERT_EQ(::getrlimit(RLIMIT_NOFILE, &limit), 0);
+    ASSERT_EQ(limit.rlim_cur, 1024u);
+    NginxServer nginx;
+    ASSERT_TRUE(nginx.start()) << nginx.error().toStdString();
+    HttpClient client;
+    Burst burst;
+    ASSERT_TRUE(burst.run(client, nginx.url("/files/1k?child="), 3000));
+    EXPECT_EQ(burst.okResults, 3000) << burst.firstFailure.toStdString();
+    EXPECT_LT(burst.peakDescriptors, 1024);
+}
+
+TEST(Descriptors, ThreeThousandGetsAtOnceAllEndOkUnderASoftLimitOf1024)
+{
+    rlimit limit {};
+    ASSERT_EQ(::getrlimit(RLIMIT_NOFILE, &limit), 0);
+    ASSERT_GE(limit.rlim_max, 1024u);
+    const trel::test::ExecArguments exec(QStringLiteral("/proc/self/exe"),
+        { QStringLiteral("--gtest_also_run_disabled_tests"),
+            QStringLiteral("--gtest_filter=Descriptors.DISABLED_ThreeThousandGetsUnderASoftLimitOf1024") });
+    QTemporaryFile output;
+    ASSERT_TRUE(output.open());
+    const int outputFd = output.handle();
+    const pid_t child = ::fork();
+    if (child == 0) {
+        rlimit lowered = limit;
+        lowered.rlim_cur = 1024;
+        ::setrlimit(RLIMIT_NOFILE, &lowered);
+        ::dup2(outputFd, STDOUT_FILENO);
+        ::dup2(outputFd, STDERR_FILENO);
+        ::execv(exec.program(), exec.argv());
+        ::_exit(127);
+    }
+    ASSERT_GT(child, 0);
+    int status = -1;
+    if (!waitFor([&] { return ::waitpid(child, &status, WNOHANG) == child; }, 240000)) {
+        ::kill(child, SIGKILL);
+        ::waitpid(child, &status, 0);
+        FAIL() << "the child did not finish";
+    }
+    QFile log(output.fileName());
+    ASSERT_TRUE(log.open(QIODevice::ReadOnly));
+    const QByteArray text = log.readAll();
+    EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << text.constData();
+    EXPECT_TRUE(text.contains("[  PASSED  ] 1 test.")) << text.constData();
 }
 
 // ---------------------------------------------------------------------------

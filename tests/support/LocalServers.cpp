@@ -197,7 +197,8 @@ bool NginxServer::writeConfig(const Options& options)
               // a cookie of its own before the final response's.
               "location = /repeated { add_header Set-Cookie a=1; add_header Set-Cookie b=2; "
               "add_header Link \"</p2>; rel=next\"; add_header Link \"</p9>; rel=last\"; "
-              "add_header Vary Accept; add_header Vary Origin; add_header X-MiXeD one; add_header x-mixed two; "
+              "add_header Vary Accept; add_header Vary Origin; add_header X-MiXeD one; add_header x-mixed "
+              "two; "
               "return 200 \"repeated\\n\"; }\n"
               "location = /repeated-redirect { add_header Set-Cookie r=0; return 302 /repeated; }\n"
               // Fields named like the library's own, as a hostile server would send them.

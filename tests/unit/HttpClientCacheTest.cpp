@@ -170,6 +170,43 @@ TEST(HttpClientCache, ResponsesThatVaryBeyondEncodingAreRefused)
     }
 }
 
+TEST(HttpClientCache, NoStoreIsNeverStoredWhateverLifetimeTheOtherDirectivesGive)
+{
+    HttpClientCache cache;
+    cache.setCacheSize(1000);
+    const std::vector<std::pair<QStringList, bool>> cases = {
+        { { "no-store, max-age=600" }, false },
+        { { "max-age=600, no-store" }, false },
+        { { "max-age=600,NO-STORE" }, false },
+        { { "public, No-Store" }, false },
+        { { "max-age=600", "no-store" }, false }, // a second Cache-Control line
+        { { "max-age=600" }, true },
+        { { "max-age=600, x-no-store" }, true },
+        { { "max-age=600, no-storage" }, true },
+    };
+    for (const auto& [lines, stored] : cases) {
+        HttpClientHeaders headers;
+        for (const QString& line : lines) {
+            headers.insert("Cache-Control", line);
+        }
+        EXPECT_EQ(cache.tryCache(url("s"), HttpClientStatus::OK, 200, headers, bytes(10)), stored)
+            << lines.join(" | ").toStdString();
+        EXPECT_EQ(cache.retrieve(url("s")) != nullptr, stored) << lines.join(" | ").toStdString();
+        cache.clear();
+    }
+}
+
+TEST(HttpClientCache, EveryVaryLineCountsNotOnlyTheLast)
+{
+    HttpClientCache cache;
+    cache.setCacheSize(1000);
+    HttpClientHeaders headers = fresh();
+    headers.insert("Vary", "Accept");
+    headers.insert("Vary", "Accept-Encoding");
+    EXPECT_FALSE(cache.tryCache(url("v"), HttpClientStatus::OK, 200, headers, bytes(10)));
+    EXPECT_EQ(cache.retrieve(url("v")), nullptr);
+}
+
 TEST(HttpClientCache, RefusedResponseLeavesTheStoredOneInPlace)
 {
     HttpClientCache cache;

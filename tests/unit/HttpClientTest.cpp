@@ -17,6 +17,7 @@
 
 #include <log4cplus/configurator.h>
 
+#include <sys/resource.h>
 #include <sys/socket.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -24,6 +25,8 @@
 #include <array>
 #include <cstdio>
 #include <sstream>
+#include <thread>
+#include <vector>
 
 // Reads the engine's private state; declared a friend by HttpClient.
 class HttpClientTestAccess
@@ -619,6 +622,82 @@ TEST(HttpClientLogging, AnApplicationThatConfiguredLoggingGetsTheLines)
     const std::string output = outputOfLoggingCalls(true);
     EXPECT_NE(output.find("Refused, QObject has no slot \"noSuchSlot\""), std::string::npos) << output;
     EXPECT_NE(output.find("No such transfer"), std::string::npos) << output;
+}
+
+// ---------------------------------------------------------------------------
+// Connection limits
+
+long multiOption(HttpClient& client, CURLMoption option)
+{
+    const auto recorded = curlOptions::multi(Access::multi(client), option);
+    EXPECT_TRUE(recorded.has_value()) << "option " << option << " was not set";
+    return recorded ? static_cast<long>(recorded->value) : -12345;
+}
+
+// Lowers the soft descriptor limit while it lives.
+class SoftDescriptorLimit
+{
+public:
+    explicit SoftDescriptorLimit(rlim_t soft)
+    {
+        EXPECT_EQ(::getrlimit(RLIMIT_NOFILE, &saved), 0);
+        rlimit lowered = saved;
+        lowered.rlim_cur = std::min(soft, saved.rlim_max);
+        EXPECT_EQ(::setrlimit(RLIMIT_NOFILE, &lowered), 0);
+    }
+    ~SoftDescriptorLimit() { ::setrlimit(RLIMIT_NOFILE, &saved); }
+    SoftDescriptorLimit(const SoftDescriptorLimit&) = delete;
+    SoftDescriptorLimit& operator=(const SoftDescriptorLimit&) = delete;
+
+private:
+    rlimit saved {};
+};
+
+TEST(HttpClientConnections, TheDefaultTotalIsHalfTheSoftDescriptorLimitWithinBounds)
+{
+    rlimit current {};
+    ASSERT_EQ(::getrlimit(RLIMIT_NOFILE, &current), 0);
+    ASSERT_GE(current.rlim_max, 1024u);
+    const std::vector<std::pair<rlim_t, long>> cases
+        = { { 1024, 512 }, { 300, 256 }, { 2048, 1024 }, { 4096, 1024 } };
+    for (const auto& [soft, expected] : cases) {
+        if (soft > current.rlim_max) {
+            continue; // a soft limit cannot rise above the hard one
+        }
+        const SoftDescriptorLimit lowered(soft);
+        HttpClient client;
+        EXPECT_EQ(multiOption(client, CURLMOPT_MAX_TOTAL_CONNECTIONS), expected) << soft;
+    }
+}
+
+TEST(HttpClientConnections, SettersPassTheLimitsOnAndZeroOrLessMeansNone)
+{
+    HttpClient client;
+    client.setMaxConnections(6);
+    client.setMaxConnectionsPerHost(2);
+    EXPECT_EQ(multiOption(client, CURLMOPT_MAX_TOTAL_CONNECTIONS), 6);
+    EXPECT_EQ(multiOption(client, CURLMOPT_MAX_HOST_CONNECTIONS), 2);
+    client.setMaxConnections(0);
+    client.setMaxConnectionsPerHost(-5);
+    EXPECT_EQ(multiOption(client, CURLMOPT_MAX_TOTAL_CONNECTIONS), 0);
+    EXPECT_EQ(multiOption(client, CURLMOPT_MAX_HOST_CONNECTIONS), 0);
+}
+
+TEST(HttpClientConnections, SettersAreRefusedOffTheClientsThread)
+{
+    HttpClient client;
+    client.setMaxConnections(6);
+    client.setMaxConnectionsPerHost(3);
+    LogCapture capture(log4cplus::ERROR_LOG_LEVEL);
+    std::thread foreign([&] {
+        client.setMaxConnections(1);
+        client.setMaxConnectionsPerHost(1);
+    });
+    foreign.join();
+    EXPECT_EQ(multiOption(client, CURLMOPT_MAX_TOTAL_CONNECTIONS), 6);
+    EXPECT_EQ(multiOption(client, CURLMOPT_MAX_HOST_CONNECTIONS), 3);
+    EXPECT_EQ(
+        capture.countPrefix(log4cplus::ERROR_LOG_LEVEL, "Refused, called off the client's thread: "), 2);
 }
 
 } // namespace

@@ -12,11 +12,13 @@
 
 #include <gtest/gtest.h>
 
+#include <QCryptographicHash>
 #include <QDir>
 #include <QFile>
 #include <QTemporaryDir>
 
 #include <cstdlib>
+#include <limits>
 #include <memory>
 #include <thread>
 #include <vector>
@@ -646,6 +648,45 @@ TEST(HttpClientTransferReceive, ALargeAnnouncedBodyIsReservedWholeAndArrivesInta
         }
     }
     EXPECT_EQ(Access::buffer(*transfer).body, expected);
+}
+
+TEST(HttpClientTransferReceive, AnAnnouncedLengthBuysAHeadStartNotTheWholeLength)
+{
+    for (const int limit : { -1, std::numeric_limits<int>::max() }) {
+        TransferFactory factory;
+        HttpClientOptions options;
+        options.setReadSizeLimit(limit);
+        auto transfer = factory.make(HttpClient::Get, options);
+        feedHeaderLines(*transfer, "HTTP/1.1 200 OK\r\nContent-Length: 3000000000\r\n\r\n");
+        EXPECT_EQ(feedBody(*transfer, "abc"), 3u);
+        const auto& buffer = Access::buffer(*transfer);
+        EXPECT_GE(buffer.body.capacity(), 4 << 20) << limit; // a head start still
+        EXPECT_LE(buffer.body.capacity(), 16 << 20) << limit;
+        // Only the pages the next writes land on are faulted in.
+        EXPECT_LE(buffer.preparedEnd, 3 + (2 << 20)) << limit;
+        EXPECT_EQ(buffer.body, "abc");
+    }
+}
+
+TEST(HttpClientTransferReceive, ABodyPastTheHeadStartGrowsAsItArrivesAndStaysIntact)
+{
+    TransferFactory factory;
+    HttpClientOptions options;
+    options.setReadSizeLimit(-1);
+    auto transfer = factory.make(HttpClient::Get, options);
+    constexpr int kSize = 40 << 20;
+    feedHeaderLines(
+        *transfer, "HTTP/1.1 200 OK\r\nContent-Length: " + QByteArray::number(kSize) + "\r\n\r\n");
+    QCryptographicHash expected(QCryptographicHash::Sha256);
+    for (int i = 0; i < kSize; i += 65536) {
+        const QByteArray piece(65536, static_cast<char>('a' + (i / 65536) % 26));
+        expected.addData(piece);
+        ASSERT_EQ(feedBody(*transfer, piece), 65536u);
+        ASSERT_LE(Access::buffer(*transfer).preparedEnd, i + 65536 + (2 << 20));
+    }
+    EXPECT_EQ(Access::buffer(*transfer).body.size(), kSize);
+    EXPECT_EQ(QCryptographicHash::hash(Access::buffer(*transfer).body, QCryptographicHash::Sha256),
+        expected.result());
 }
 
 TEST(HttpClientTransferReceive, ReservationNeverExceedsTheReadSizeLimit)

@@ -13,17 +13,31 @@ const log4cplus::Logger logger = trel::log::libraryLogger();
 // A response that varies with request headers other than Accept-Encoding could
 // be served to a request it was not made for, since the key is the URL alone.
 // libcurl decodes every encoding it asks for, so Accept-Encoding never matters.
+// Every Vary line counts, not only the last.
 bool variesBeyondEncoding(const HttpClientHeaders& headers)
 {
-    bool present = false;
-    const QString vary = headers.value(QStringLiteral("Vary"), &present);
-    if (!present) {
-        return false;
+    for (const QString& vary : headers.values(QStringLiteral("vary"))) {
+        const QStringList fields = vary.split(QLatin1Char(','), Qt::SkipEmptyParts);
+        for (const QString& field : fields) {
+            if (field.trimmed().compare(QLatin1String("Accept-Encoding"), Qt::CaseInsensitive) != 0) {
+                return true;
+            }
+        }
     }
-    const QStringList fields = vary.split(QLatin1Char(','), Qt::SkipEmptyParts);
-    for (const QString& field : fields) {
-        if (field.trimmed().compare(QLatin1String("Accept-Encoding"), Qt::CaseInsensitive) != 0) {
-            return true;
+    return false;
+}
+
+// "no-store" forbids keeping the response at all, whatever lifetime the other
+// directives give it, in any line of Cache-Control and in any case.
+bool forbidsStoring(const HttpClientHeaders& headers)
+{
+    for (const QString& cacheControl : headers.values(QStringLiteral("cache-control"))) {
+        const QStringList directives = cacheControl.split(QLatin1Char(','), Qt::SkipEmptyParts);
+        for (const QString& directive : directives) {
+            const QString name = directive.section(QLatin1Char('='), 0, 0).trimmed();
+            if (name.compare(QLatin1String("no-store"), Qt::CaseInsensitive) == 0) {
+                return true;
+            }
         }
     }
     return false;
@@ -59,7 +73,7 @@ bool HttpClientCache::tryCache(const TrelUrl& url, HttpClientStatus status, int 
 {
     TREL_ENTER("Url: " << trel::log::RedactedUrl { url } << " status: " << status << " code: " << code
                        << " header: " << trel::log::RedactedHeaders { headers });
-    if (entries.maxCost() == 0 || variesBeyondEncoding(headers)
+    if (entries.maxCost() == 0 || variesBeyondEncoding(headers) || forbidsStoring(headers)
         || !HttpClientCacheEntry::shouldCache(headers)) {
         return false;
     }

@@ -50,15 +50,20 @@ constexpr long kUploadBufferBytes = 2L << 20;
 // Room reserved for the response's header lines at the first of them.
 constexpr int kHeaderBlockBytes = 1024;
 
-// Room reserved up front from Content-Length, at most: a larger body grows
-// from there like any other.
-constexpr std::int64_t kMaxReservedBody = std::int64_t(1) << 30;
+// Room reserved up front from Content-Length, at most: an announcement is only
+// a server's word, so it buys a head start, not memory (3,000,000,000 announced
+// and 3 bytes sent once cost a gigabyte). A larger body grows from there as its
+// bytes arrive. 16 MiB holds the bodies of ordinary downloads (10 MiB, say)
+// whole from the first byte.
+constexpr std::int64_t kReservedHeadStart = std::int64_t(16) << 20;
 
-// From this size on, a reserved body is prepared for the bytes to come: each
-// fresh 4 KiB page of a new body otherwise costs a page fault, thousands for a
-// body of megabytes. Its whole 2 MiB pages ask for transparent huge pages, and
-// all of its pages are faulted in by one call instead of one fault each.
+// From this capacity on, a body's pages are prepared just ahead of the bytes to
+// come: each fresh 4 KiB page otherwise costs a page fault, thousands for a body
+// of megabytes. Whole 2 MiB pages ask for transparent huge pages, and the next
+// kPreparedStep bytes are faulted in by one call instead of one fault each;
+// nothing beyond what is about to be written is touched.
 constexpr std::int64_t kPreparedBody = std::int64_t(4) << 20;
+constexpr std::int64_t kPreparedStep = std::int64_t(2) << 20;
 constexpr std::uintptr_t kHugePageSize = std::uintptr_t(2) << 20;
 constexpr std::uintptr_t kPageSize = 4096;
 
@@ -541,24 +546,46 @@ size_t HttpClientTransfer::curlWriteFunc(void* data, size_t size, size_t count, 
         n = static_cast<std::uint64_t>(room);
         buffer->overLimit = true;
     }
+    prepareAhead(*buffer, current + static_cast<std::int64_t>(n));
     buffer->body.append(static_cast<const char*>(data), static_cast<int>(n));
     return static_cast<size_t>(n);
 }
 
-// The whole announced body at once, never beyond the size limit: no copies
-// while it grows. Once per response; a compressed body may still outgrow it.
+// Faults in the pages the next writes land on, a step at a time, once the body
+// is large enough for page faults to matter. A body that moved (it outgrew its
+// capacity) is prepared afresh from its end.
+void HttpClientTransfer::prepareAhead(ReceiveBuffer& buffer, std::int64_t sizeAfterWrite)
+{
+    const std::int64_t capacity = buffer.body.capacity();
+    if (capacity < kPreparedBody) {
+        return;
+    }
+    const char* const data = buffer.body.constData();
+    if (data != buffer.preparedData) {
+        buffer.preparedData = data;
+        buffer.preparedEnd = buffer.body.size();
+    }
+    if (sizeAfterWrite <= buffer.preparedEnd || buffer.preparedEnd >= capacity) {
+        return;
+    }
+    const std::int64_t end = std::min(capacity, sizeAfterWrite + kPreparedStep);
+    prepareBodyPages(data + buffer.preparedEnd, end - buffer.preparedEnd);
+    buffer.preparedEnd = end;
+}
+
+// The announced body up to the head start, never beyond the size limit: no
+// copies while an ordinary body grows. Once per response; a larger or
+// compressed body grows past it as bytes arrive. Reserving touches no page:
+// prepareAhead() faults them in as the writes reach them.
 void HttpClientTransfer::reserveAnnounced(ReceiveBuffer& buffer)
 {
-    std::int64_t room = std::min(buffer.announcedLength, kMaxReservedBody);
+    std::int64_t room = std::min(buffer.announcedLength, kReservedHeadStart);
     if (buffer.sizeLimit >= 0) {
         room = std::min(room, buffer.sizeLimit);
     }
     buffer.announcedLength = -1;
     if (room > buffer.body.capacity()) {
         buffer.body.reserve(static_cast<int>(room));
-        if (room >= kPreparedBody) {
-            prepareBodyPages(buffer.body.constData(), buffer.body.capacity());
-        }
     }
 }
 
@@ -677,6 +704,18 @@ void HttpClientTransfer::cancel()
     curl_multi_remove_handle(activeMulti, easy.get());
     activeMulti = nullptr;
     reportCompletion(HttpClientStatus::Error, -1, QByteArray(), HttpClientHeaders());
+}
+
+void HttpClientTransfer::timeOutUnstarted(std::int64_t waitedMs)
+{
+    if (activeMulti) {
+        TREL_ERROR("Transfer is already active");
+        return;
+    }
+    HttpClientHeaders headers;
+    headers.insert(QString::fromLatin1(kErrorHeader),
+        QStringLiteral("Operation timed out after %1 milliseconds waiting for a connection").arg(waitedMs));
+    reportCompletion(HttpClientStatus::Timeout, 0, QByteArray(), headers);
 }
 
 void HttpClientTransfer::reportCompletion(
