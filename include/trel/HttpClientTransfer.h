@@ -234,6 +234,7 @@ private:
     static void prepareAhead(ReceiveBuffer& buffer, std::int64_t sizeAfterWrite);
     bool acceptsBody();
     void resumeUpload();
+    void endUploadStream();
     void resumeReception();
     void configure(int httpVersion);
     void installReceiveCallbacks();

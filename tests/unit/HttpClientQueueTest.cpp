@@ -1,10 +1,13 @@
+#include <trel/HttpClient.h>
 #include <trel/HttpClientQueue.h>
+#include <trel/HttpClientTransfer.h>
 
 #include "WaitFor.h"
 
 #include <gtest/gtest.h>
 
 #include <QByteArray>
+#include <QObject>
 #include <QPointer>
 #include <QSharedPointer>
 #include <QWeakPointer>
@@ -13,8 +16,13 @@
 #include <sys/types.h>
 #include <unistd.h>
 
+#include <curl/curl.h>
+
+#include <algorithm>
 #include <array>
 #include <atomic>
+#include <chrono>
+#include <condition_variable>
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
@@ -22,6 +30,8 @@
 #include <functional>
 #include <iterator>
 #include <limits>
+#include <memory>
+#include <mutex>
 #include <string>
 #include <thread>
 #include <vector>
@@ -1003,6 +1013,478 @@ TEST(HttpClientQueueReadAvailable, FourProducersFeedANonBlockingReader)
     }
     ASSERT_TRUE(done);
     EXPECT_TRUE(everyProducersFramesArrivedWholeAndInOrder(stream));
+}
+
+// ---------------------------------------------------------------------------
+// Capacity: producers wait for room, the reader's own thread never does.
+
+// One append or prepend running on a thread of its own, as a producer pushes
+// into a queue the client reads on another thread.
+class BackgroundPush
+{
+public:
+    BackgroundPush(HttpClientQueue& queue, QByteArray chunk, bool atFront = false)
+        : queue(queue)
+        , chunk(std::move(chunk))
+        , atFront(atFront)
+        , thread([this] { run(); })
+    { }
+
+    ~BackgroundPush()
+    {
+        // A producer still waiting here means an expectation already failed;
+        // closing releases it so the thread can be joined instead of hanging the
+        // run. If even close cannot release it, ending the run with a message
+        // beats waiting for the test timeout.
+        if (!finished.load()) {
+            queue.close();
+            if (!waitFinished()) {
+                std::fprintf(stderr, "a producer stayed blocked in HttpClientQueue after close()\n");
+                std::abort();
+            }
+        }
+        thread.join();
+    }
+
+    BackgroundPush(const BackgroundPush&) = delete;
+    BackgroundPush& operator=(const BackgroundPush&) = delete;
+
+    bool waitFinished(int timeoutMs = 10000)
+    {
+        return trel::test::waitFor([this] { return finished.load(); }, timeoutMs);
+    }
+
+    // True once the producer is seen asleep inside the push without having
+    // returned: with nobody else holding the queue's mutex, the only place it
+    // can sleep is the wait for room.
+    bool waitBlocked(int timeoutMs = 10000)
+    {
+        return trel::test::waitFor(
+            [this] {
+                const pid_t tid = producerTid.load();
+                return tid != 0 && !finished.load() && threadState(tid) == 'S' && !finished.load();
+            },
+            timeoutMs);
+    }
+
+    bool isFinished() const { return finished.load(); }
+    // Meaningful once finished.
+    bool accepted() const { return result.load(); }
+
+private:
+    void run()
+    {
+        producerTid.store(static_cast<pid_t>(::syscall(SYS_gettid)));
+        result.store(atFront ? queue.prepend(chunk) : queue.append(chunk));
+        finished.store(true);
+    }
+
+    HttpClientQueue& queue;
+    const QByteArray chunk;
+    const bool atFront;
+    std::atomic<pid_t> producerTid { 0 };
+    std::atomic<bool> result { false };
+    std::atomic<bool> finished { false };
+    std::thread thread;
+};
+
+TEST(HttpClientQueueCapacity, BytesQueuedCountsWhatIsPushedAndNotYetTaken)
+{
+    HttpClientQueue queue;
+    EXPECT_EQ(queue.bytesQueued(), 0);
+    ASSERT_TRUE(queue.append("abcdef"));
+    ASSERT_TRUE(queue.prepend("XY"));
+    ASSERT_TRUE(queue.append(QByteArray()));
+    EXPECT_EQ(queue.bytesQueued(), 8);
+
+    EXPECT_EQ(readAvailable(queue, 3), 2); // "XY": "abcdef" does not fit behind it
+    EXPECT_EQ(queue.bytesQueued(), 6);
+    EXPECT_TRUE(readsNow(queue, 4, "abcd")); // a split
+    EXPECT_EQ(queue.bytesQueued(), 2);
+    EXPECT_TRUE(readsNow(queue, 2, "ef")); // leaves an empty rest, which counts nothing
+    EXPECT_EQ(queue.bytesQueued(), 0);
+    queue.close();
+    EXPECT_FALSE(queue.append("refused"));
+    EXPECT_EQ(queue.bytesQueued(), 0);
+}
+
+TEST(HttpClientQueueCapacity, WithoutCapacityPushesNeverWait)
+{
+    HttpClientQueue queue;
+    const QByteArray megabyte(1 << 20, 'm');
+    {
+        // Far more than any capacity below, from a thread that is not the reader's.
+        BackgroundPush first(queue, megabyte);
+        ASSERT_TRUE(first.waitFinished());
+        EXPECT_TRUE(first.accepted());
+    }
+    // A capacity set and then taken back leaves the queue unbounded again; so
+    // does a negative one.
+    for (const qint64 capacity : { qint64(0), qint64(-1) }) {
+        queue.setCapacity(16);
+        queue.setCapacity(capacity);
+        BackgroundPush push(queue, megabyte);
+        ASSERT_TRUE(push.waitFinished());
+        EXPECT_TRUE(push.accepted());
+    }
+    EXPECT_EQ(queue.bytesQueued(), 3 << 20);
+    EXPECT_FALSE(queue.isAbandoned());
+}
+
+TEST(HttpClientQueueCapacity, ProducerWaitsAtCapacityUntilTheReaderTakesBytes)
+{
+    HttpClientQueue queue;
+    queue.setCapacity(10);
+    ASSERT_TRUE(queue.append("0123456789")); // exactly at the capacity
+    BackgroundPush push(queue, "next");
+    ASSERT_TRUE(push.waitBlocked());
+    EXPECT_EQ(queue.bytesQueued(), 10);
+
+    EXPECT_TRUE(readsNow(queue, 1, "0"));
+    ASSERT_TRUE(push.waitFinished());
+    EXPECT_TRUE(push.accepted());
+    EXPECT_EQ(queue.bytesQueued(), 13); // the whole chunk went in: room for one byte was enough
+    EXPECT_TRUE(readsNow(queue, 100, "123456789next"));
+}
+
+TEST(HttpClientQueueCapacity, ProducerWaitsWhileTheQueueStaysAtOrAboveCapacity)
+{
+    HttpClientQueue queue;
+    ASSERT_TRUE(queue.append("abcdefghijklmno")); // 15 bytes, pushed while unbounded
+    queue.setCapacity(10);
+    BackgroundPush push(queue, "X", true);
+    ASSERT_TRUE(push.waitBlocked());
+
+    EXPECT_EQ(readAvailable(queue, 5), 5); // 10 left: still at the capacity
+    ASSERT_TRUE(push.waitBlocked());
+    EXPECT_FALSE(push.isFinished());
+
+    EXPECT_EQ(readAvailable(queue, 1), 1); // 9 left: room
+    ASSERT_TRUE(push.waitFinished());
+    EXPECT_TRUE(push.accepted());
+    EXPECT_TRUE(readsNow(queue, 1, "X")); // prepended: read next
+    EXPECT_EQ(queue.bytesQueued(), 9);
+}
+
+TEST(HttpClientQueueCapacity, RaisingTheCapacityReleasesAWaitingProducer)
+{
+    HttpClientQueue queue;
+    queue.setCapacity(4);
+    ASSERT_TRUE(queue.append("full"));
+    BackgroundPush push(queue, "more");
+    ASSERT_TRUE(push.waitBlocked());
+    queue.setCapacity(0);
+    ASSERT_TRUE(push.waitFinished());
+    EXPECT_TRUE(push.accepted());
+    EXPECT_EQ(queue.bytesQueued(), 8);
+}
+
+TEST(HttpClientQueueCapacity, CloseRefusesTheChunkOfAWaitingProducer)
+{
+    HttpClientQueue queue;
+    queue.setCapacity(4);
+    ASSERT_TRUE(queue.append("full"));
+    BackgroundPush push(queue, "late");
+    ASSERT_TRUE(push.waitBlocked());
+
+    pushFromAnotherThread([&] { queue.close(); });
+    ASSERT_TRUE(push.waitFinished());
+    EXPECT_FALSE(push.accepted());
+    EXPECT_FALSE(queue.isAbandoned()); // closed, not abandoned
+    EXPECT_TRUE(readsNow(queue, 100, "full")); // what was queued is still read
+    EXPECT_EQ(readNow(queue, 100).result, -1);
+}
+
+// Lets the test thread push into a queue whose watcher lives on it: a push
+// that wrongly waits is released by closing the queue after a while, so the
+// test fails instead of hanging.
+class CloseUnlessDone
+{
+public:
+    CloseUnlessDone(HttpClientQueue& queue, int afterMs)
+        : thread([this, &queue, afterMs] {
+            std::unique_lock<std::mutex> lock(mutex);
+            if (!condition.wait_for(lock, std::chrono::milliseconds(afterMs), [this] { return done; })) {
+                queue.close();
+            }
+        })
+    { }
+    ~CloseUnlessDone()
+    {
+        {
+            const std::lock_guard<std::mutex> lock(mutex);
+            done = true;
+        }
+        condition.notify_all();
+        thread.join();
+    }
+    CloseUnlessDone(const CloseUnlessDone&) = delete;
+    CloseUnlessDone& operator=(const CloseUnlessDone&) = delete;
+
+private:
+    std::mutex mutex;
+    std::condition_variable condition;
+    bool done = false;
+    std::thread thread; // last: started once the members above exist
+};
+
+TEST(HttpClientQueueCapacity, TheWatchersThreadAddsPastTheCapacityWithoutWaiting)
+{
+    HttpClientQueue queue;
+    QObject context; // lives on this thread, as a transfer lives on its client's
+    queue.setReadyWatcher(&context, [] {});
+    queue.setCapacity(8);
+    {
+        const CloseUnlessDone guard(queue, 5000);
+        for (int i = 0; i < 10; ++i) {
+            ASSERT_TRUE(queue.append("01234567")) << "push " << i << " waited and was refused";
+        }
+        ASSERT_TRUE(queue.prepend("front"));
+    }
+    EXPECT_EQ(queue.bytesQueued(), 85);
+
+    // The capacity holds for every other thread all the same.
+    BackgroundPush push(queue, "other");
+    ASSERT_TRUE(push.waitBlocked());
+    EXPECT_FALSE(push.isFinished());
+
+    // Without a watcher the thread is no longer the reader's.
+    queue.clearReadyWatcher(&context);
+    const CloseUnlessDone guard(queue, 300);
+    EXPECT_FALSE(queue.append("waits, then is refused at close"));
+}
+
+// The queue a request reads through a transfer, as HttpClient::postStream()
+// wires it: the transfer is the watcher and lives on this thread.
+class TransferReadingAQueue
+{
+public:
+    TransferReadingAQueue()
+        : transfer(std::make_unique<HttpClientTransfer>(HttpClient::Http1,
+            TrelUrl::fromEncoded("http://127.0.0.1:9/"), HttpClient::Post, HttpClientOptions(),
+            [this](HttpClientStatus, long, QByteArray, HttpClientHeaders) {
+                abandonedWhenReported = queue->isAbandoned();
+                ++reports;
+            }))
+    {
+        EXPECT_TRUE(transfer->setDataToUpload(queue));
+    }
+    ~TransferReadingAQueue()
+    {
+        transfer.reset();
+        curl_multi_cleanup(multi);
+    }
+    TransferReadingAQueue(const TransferReadingAQueue&) = delete;
+    TransferReadingAQueue& operator=(const TransferReadingAQueue&) = delete;
+
+    void start() { transfer->start(multi); }
+    // Ends the transfer as libcurl's CURLMSG_DONE message for its handle would.
+    void finishWith(CURLcode result)
+    {
+        CURLMsg message {};
+        message.msg = CURLMSG_DONE;
+        message.easy_handle = static_cast<CURL*>(transfer->handle());
+        message.data.result = result;
+        transfer->finish(&message);
+    }
+
+    const QSharedPointer<HttpClientQueue> queue = QSharedPointer<HttpClientQueue>::create(nullptr);
+    CURLM* const multi = curl_multi_init();
+    std::unique_ptr<HttpClientTransfer> transfer;
+    int reports = 0;
+    bool abandonedWhenReported = false;
+};
+
+TEST(HttpClientQueueAbandonment, DestroyedTransferWakesAWaitingProducerWithFalse)
+{
+    TransferReadingAQueue request;
+    HttpClientQueue& queue = *request.queue;
+    queue.setCapacity(6);
+    ASSERT_TRUE(queue.append("queued"));
+    BackgroundPush push(queue, "waiting");
+    ASSERT_TRUE(push.waitBlocked());
+    EXPECT_FALSE(queue.isAbandoned());
+
+    request.transfer.reset();
+    ASSERT_TRUE(push.waitFinished());
+    EXPECT_FALSE(push.accepted());
+    EXPECT_TRUE(queue.isAbandoned());
+    EXPECT_EQ(queue.bytesQueued(), 0); // nobody reads them: dropped
+    EXPECT_TRUE(queue.isOpened()); // abandoned, not closed
+}
+
+TEST(HttpClientQueueAbandonment, PushesAfterTheRequestEndedAreRefusedOnEveryThread)
+{
+    TransferReadingAQueue request;
+    HttpClientQueue& queue = *request.queue;
+    request.transfer.reset();
+    ASSERT_TRUE(queue.isAbandoned());
+
+    EXPECT_FALSE(queue.append("late"));
+    EXPECT_FALSE(queue.prepend("early"));
+    bool appended = true;
+    bool prepended = true;
+    pushFromAnotherThread([&] {
+        appended = queue.append("x");
+        prepended = queue.prepend("y");
+    });
+    EXPECT_FALSE(appended);
+    EXPECT_FALSE(prepended);
+    EXPECT_EQ(queue.bytesQueued(), 0);
+    EXPECT_TRUE(queue.isAbandoned()); // for good: close changes nothing
+    queue.close();
+    EXPECT_TRUE(queue.isAbandoned());
+}
+
+TEST(HttpClientQueueAbandonment, UnboundedQueueIsAbandonedToo)
+{
+    TransferReadingAQueue request;
+    HttpClientQueue& queue = *request.queue;
+    ASSERT_TRUE(queue.append("never sent"));
+    request.transfer.reset();
+    EXPECT_TRUE(queue.isAbandoned());
+    EXPECT_FALSE(queue.append("more"));
+}
+
+TEST(HttpClientQueueAbandonment, CancelAbandonsBeforeTheResultIsReported)
+{
+    TransferReadingAQueue request;
+    HttpClientQueue& queue = *request.queue;
+    queue.setCapacity(1);
+    ASSERT_TRUE(queue.append("x"));
+    request.start();
+    BackgroundPush push(queue, "y");
+    ASSERT_TRUE(push.waitBlocked());
+
+    request.transfer->cancel();
+    EXPECT_EQ(request.reports, 1);
+    EXPECT_TRUE(request.abandonedWhenReported);
+    ASSERT_TRUE(push.waitFinished());
+    EXPECT_FALSE(push.accepted());
+}
+
+TEST(HttpClientQueueAbandonment, FinishWithAFailureAbandonsBeforeTheResultIsReported)
+{
+    TransferReadingAQueue request;
+    HttpClientQueue& queue = *request.queue;
+    queue.setCapacity(1);
+    ASSERT_TRUE(queue.append("x"));
+    request.start();
+    BackgroundPush push(queue, "y");
+    ASSERT_TRUE(push.waitBlocked());
+
+    request.finishWith(CURLE_OPERATION_TIMEDOUT);
+    EXPECT_EQ(request.reports, 1);
+    EXPECT_TRUE(request.abandonedWhenReported);
+    ASSERT_TRUE(push.waitFinished());
+    EXPECT_FALSE(push.accepted());
+}
+
+// A server may answer before the whole body is sent: the rest is never read,
+// and the producer must learn so even though the request succeeded.
+TEST(HttpClientQueueAbandonment, RequestThatSucceededBeforeTheQueueWasClosedAbandonsIt)
+{
+    TransferReadingAQueue request;
+    HttpClientQueue& queue = *request.queue;
+    request.start();
+    request.finishWith(CURLE_OK);
+    EXPECT_TRUE(request.abandonedWhenReported);
+    EXPECT_FALSE(queue.append("nobody reads this"));
+}
+
+TEST(HttpClientQueueAbandonment, RequestThatReadTheQueueToItsEndLeavesItNotAbandoned)
+{
+    TransferReadingAQueue request;
+    HttpClientQueue& queue = *request.queue;
+    ASSERT_TRUE(queue.append("whole body"));
+    queue.close();
+    request.start();
+    EXPECT_EQ(readAvailable(queue, 100), 10); // as libcurl's read callback takes it
+    EXPECT_EQ(readAvailable(queue, 100), -1);
+    request.finishWith(CURLE_OK);
+    EXPECT_FALSE(request.abandonedWhenReported);
+    request.transfer.reset();
+    EXPECT_FALSE(queue.isAbandoned());
+    EXPECT_FALSE(queue.isOpened());
+    EXPECT_FALSE(queue.append("after the end")); // refused because closed
+}
+
+TEST(HttpClientQueueAbandonment, ClosedQueueWithBytesLeftIsAbandoned)
+{
+    TransferReadingAQueue request;
+    HttpClientQueue& queue = *request.queue;
+    ASSERT_TRUE(queue.append("0123456789"));
+    queue.close();
+    request.start();
+    EXPECT_EQ(readAvailable(queue, 4), 4);
+    request.transfer->cancel();
+    EXPECT_TRUE(queue.isAbandoned());
+    EXPECT_EQ(queue.bytesQueued(), 0);
+}
+
+// Four producers against a small capacity and a non-blocking reader on this
+// thread: every byte arrives once and in each producer's order, and the queue
+// never holds a whole chunk more than the capacity.
+TEST(HttpClientQueueCapacity, FourProducersStayWithinTheCapacityPlusOneChunk)
+{
+    constexpr qint64 capacity = 4096;
+    HttpClientQueue queue;
+    queue.setCapacity(capacity);
+    QObject context;
+    std::vector<char> buffer(777);
+    std::string stream;
+    bool ended = false;
+    qint64 mostQueued = 0;
+    const std::function<void()> drain = [&] {
+        for (;;) {
+            mostQueued = std::max(mostQueued, queue.bytesQueued());
+            const int got = queue.readAvailable(buffer.data(), static_cast<int>(buffer.size()));
+            if (got > 0) {
+                stream.append(buffer.data(), static_cast<size_t>(got));
+                continue;
+            }
+            ended = got < 0;
+            return;
+        }
+    };
+    queue.setReadyWatcher(&context, drain);
+    std::atomic<int> running { producerCount };
+    std::atomic<int> refused { 0 };
+    std::atomic<qint64> mostSeenByProducers { 0 };
+    int largestFrame = 0;
+    for (int producer = 0; producer < producerCount; ++producer) {
+        for (int sequence = 0; sequence < chunksPerProducer; ++sequence) {
+            largestFrame = std::max(largestFrame, frameHeaderSize + payloadLength(producer, sequence));
+        }
+    }
+    std::vector<std::thread> producers;
+    for (int producer = 0; producer < producerCount; ++producer) {
+        producers.emplace_back([&, producer] {
+            for (int sequence = 0; sequence < chunksPerProducer; ++sequence) {
+                if (!queue.append(frame(producer, sequence))) {
+                    ++refused;
+                }
+                const qint64 queued = queue.bytesQueued();
+                qint64 most = mostSeenByProducers.load();
+                while (queued > most && !mostSeenByProducers.compare_exchange_weak(most, queued)) { }
+            }
+            if (--running == 0) {
+                queue.close();
+            }
+        });
+    }
+    drain();
+    const bool done = trel::test::waitFor([&] { return ended; }, 120000);
+    for (auto& producer : producers) {
+        producer.join();
+    }
+    ASSERT_TRUE(done);
+    EXPECT_EQ(refused.load(), 0);
+    EXPECT_TRUE(everyProducersFramesArrivedWholeAndInOrder(stream));
+    EXPECT_LT(mostQueued, capacity + largestFrame);
+    EXPECT_LT(mostSeenByProducers.load(), capacity + largestFrame);
+    // The producers did run into the capacity: the bound was exercised.
+    EXPECT_GE(std::max(mostQueued, mostSeenByProducers.load()), capacity);
 }
 
 } // namespace

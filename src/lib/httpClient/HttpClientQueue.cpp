@@ -2,6 +2,7 @@
 
 #include <QMetaObject>
 #include <QMutexLocker>
+#include <QThread>
 
 #include <cstring>
 
@@ -15,24 +16,47 @@ HttpClientQueue::~HttpClientQueue() = default;
 
 bool HttpClientQueue::append(const QByteArray& chunk)
 {
-    QMutexLocker locker(&mutex);
-    if (!opened) {
-        return false;
-    }
-    chunks.append(chunk);
-    wakeLocked();
-    return true;
+    return push(chunk, End::Back);
 }
 
 bool HttpClientQueue::prepend(const QByteArray& chunk)
 {
+    return push(chunk, End::Front);
+}
+
+bool HttpClientQueue::push(const QByteArray& chunk, End end)
+{
     QMutexLocker locker(&mutex);
-    if (!opened) {
+    waitForRoomLocked();
+    if (!opened || abandoned) {
         return false;
     }
-    chunks.prepend(chunk);
+    if (end == End::Front) {
+        chunks.prepend(chunk);
+    } else {
+        chunks.append(chunk);
+    }
+    queuedBytes += chunk.size();
     wakeLocked();
     return true;
+}
+
+// Waits with the mutex released, so the reader can take bytes meanwhile. The
+// watcher's thread never waits: it runs the client whose transfer empties the
+// queue, and would wait for itself.
+void HttpClientQueue::waitForRoomLocked()
+{
+    if (QThread::currentThread() == watcherThread) {
+        return;
+    }
+    while (opened && !abandoned && isFullLocked()) {
+        roomCondition.wait(&mutex);
+    }
+}
+
+bool HttpClientQueue::isFullLocked() const
+{
+    return capacityBytes > 0 && queuedBytes >= capacityBytes;
 }
 
 int HttpClientQueue::read(char* data, int maxSize)
@@ -67,6 +91,16 @@ int HttpClientQueue::readAvailable(char* data, int maxSize)
 // Takes from a non-empty list under the lock.
 int HttpClientQueue::takeLocked(char* data, int maxSize)
 {
+    const int taken = copyChunksLocked(data, maxSize);
+    if (taken > 0) {
+        queuedBytes -= taken;
+        roomCondition.wakeAll(); // the producers check the capacity again
+    }
+    return taken;
+}
+
+int HttpClientQueue::copyChunksLocked(char* data, int maxSize)
+{
     const QByteArray first = chunks.takeFirst();
     if (maxSize <= first.size()) {
         std::memcpy(data, first.constData(), static_cast<size_t>(maxSize));
@@ -92,6 +126,7 @@ void HttpClientQueue::close()
     QMutexLocker locker(&mutex);
     opened = false;
     wakeLocked();
+    roomCondition.wakeAll(); // their chunks are refused now
 }
 
 bool HttpClientQueue::isOpened()
@@ -100,10 +135,44 @@ bool HttpClientQueue::isOpened()
     return opened;
 }
 
+void HttpClientQueue::setCapacity(qint64 bytes)
+{
+    QMutexLocker locker(&mutex);
+    capacityBytes = qMax<qint64>(bytes, 0);
+    roomCondition.wakeAll(); // a larger capacity may make room at once
+}
+
+qint64 HttpClientQueue::bytesQueued() const
+{
+    QMutexLocker locker(&mutex);
+    return queuedBytes;
+}
+
+bool HttpClientQueue::isAbandoned() const
+{
+    QMutexLocker locker(&mutex);
+    return abandoned;
+}
+
+// A queue read closed and drained lost nothing: its producers have already been
+// refused by close(), and there is nothing to tell them.
+void HttpClientQueue::abandon()
+{
+    QMutexLocker locker(&mutex);
+    if (!opened && queuedBytes == 0) {
+        return;
+    }
+    abandoned = true;
+    chunks.clear(); // nobody will read them; their memory goes now
+    queuedBytes = 0;
+    roomCondition.wakeAll();
+}
+
 void HttpClientQueue::setReadyWatcher(QObject* context, std::function<void()> onReady)
 {
     QMutexLocker locker(&mutex);
     watcherContext = context;
+    watcherThread = context ? context->thread() : nullptr;
     watcherOnReady = std::move(onReady);
     watcherArmed = false;
 }
@@ -113,6 +182,7 @@ void HttpClientQueue::clearReadyWatcher(const QObject* context)
     QMutexLocker locker(&mutex);
     if (watcherContext == context) {
         watcherContext = nullptr;
+        watcherThread = nullptr;
         watcherOnReady = nullptr;
         watcherArmed = false;
     }

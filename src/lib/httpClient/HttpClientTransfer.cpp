@@ -325,10 +325,8 @@ HttpClientTransfer::~HttpClientTransfer()
     if (activeMulti) {
         cancel(); // an active transfer still reports to its caller
     }
-    if (uploadStream) {
-        // Before the QObject base goes: no producer may post to this object later.
-        uploadStream->clearReadyWatcher(this);
-    }
+    // Before the QObject base goes: no producer may post to this object later.
+    endUploadStream();
     // The easy handle goes before the header list and the bodies it points at.
     easy.reset();
     headerList.reset();
@@ -483,6 +481,17 @@ size_t HttpClientTransfer::streamReadCallback(void* buffer, size_t size, size_t 
     }
     TREL_DEBUG("End of stream reached");
     return 0;
+}
+
+// The request no longer reads its queue: producers must not wait for it, and
+// learn it now rather than when the result is delivered. A queue read to its
+// end is left as it is (HttpClientQueue::abandon() checks).
+void HttpClientTransfer::endUploadStream()
+{
+    if (uploadStream) {
+        uploadStream->clearReadyWatcher(this);
+        uploadStream->abandon();
+    }
 }
 
 // Queued from a producer's append, prepend or close; runs on the client's thread.
@@ -680,6 +689,7 @@ void HttpClientTransfer::finish(CURLMsg* message)
     }
     curl_multi_remove_handle(activeMulti, easy.get());
     activeMulti = nullptr;
+    endUploadStream();
     reportCompletion(status, code, receiveBuffer.body, headers);
 }
 
@@ -703,6 +713,7 @@ void HttpClientTransfer::cancel()
     }
     curl_multi_remove_handle(activeMulti, easy.get());
     activeMulti = nullptr;
+    endUploadStream();
     reportCompletion(HttpClientStatus::Error, -1, QByteArray(), HttpClientHeaders());
 }
 
