@@ -396,7 +396,10 @@ public:
     /// append, prepend or close resumes it. The body ends when the queue is
     /// closed and drained. A producer that stalls is ended like any request: by
     /// the timeout (HttpClientStatus::Timeout), cancel() or destruction of the
-    /// client. One queue serves one request.
+    /// client. One queue serves one request. A capacity on the queue
+    /// (HttpClientQueue::setCapacity()) bounds its memory; once the request
+    /// ends before the body was read, the queue is abandoned and append()
+    /// returns false.
     /// \param url an `http` or `https` URL, copied.
     /// \param queue the body's source; shared with the producers, kept until the request ends.
     /// \param receiver receives the result through \p slot, on its own thread;
@@ -419,7 +422,10 @@ public:
     /// append, prepend or close resumes it. The body ends when the queue is
     /// closed and drained. A producer that stalls is ended like any request: by
     /// the timeout (HttpClientStatus::Timeout), cancel() or destruction of the
-    /// client. One queue serves one request.
+    /// client. One queue serves one request. A capacity on the queue
+    /// (HttpClientQueue::setCapacity()) bounds its memory; once the request
+    /// ends before the body was read, the queue is abandoned and append()
+    /// returns false.
     /// \param url an `http` or `https` URL, copied.
     /// \param queue the body's source; shared with the producers, kept until the request ends.
     /// \param options the request's settings, copied.
