@@ -6,6 +6,7 @@
 #include <trel/HttpClient.h>
 #include <trel/HttpClientQueue.h>
 
+#include "ProcessState.h"
 #include "StreamProducers.h"
 #include "WaitFor.h"
 
@@ -49,6 +50,8 @@ extern "C" size_t __sanitizer_get_current_allocated_bytes();
 
 namespace {
 
+using trel::test::threadState;
+
 constexpr qint64 kMiB = qint64(1) << 20;
 
 // The measured case: 64 KiB chunks, 200 MiB in all, into a 1 MiB queue.
@@ -71,20 +74,6 @@ constexpr qint64 kMostAhead = 16 * kMiB;
 
 // The bound on the process's memory growth while the body streams.
 constexpr qint64 kMostGrowth = 16 * kMiB;
-
-// The scheduler state of one of this process's threads, as the kernel reports it
-// ('R' running, 'S' sleeping, ...); '?' when it cannot be read.
-char threadState(pid_t tid)
-{
-    std::ifstream stat("/proc/self/task/" + std::to_string(tid) + "/stat");
-    std::string line;
-    std::getline(stat, line);
-    const auto close = line.rfind(')');
-    if (close == std::string::npos || close + 2 >= line.size()) {
-        return '?';
-    }
-    return line[close + 2];
-}
 
 #if !defined(TREL_TEST_MEASURES_LIVE_HEAP)
 // One field of /proc/self/status in bytes ("VmRSS", "VmHWM"); -1 when absent.

@@ -7,6 +7,7 @@
 
 #include "LogCapture.h"
 #include "LoopbackServer.h"
+#include "ProcessState.h"
 #include "ResultReceiver.h"
 #include "SocketCount.h"
 #include "StreamProducers.h"
@@ -35,6 +36,8 @@
 #include <thread>
 
 namespace {
+
+using trel::test::residentKilobytes;
 
 using trel::test::LogCapture;
 using trel::test::LoopbackServer;
@@ -988,16 +991,6 @@ TEST_F(HttpClientRequest, LogLinesHideTheUrlsPasswordAndCookiesWhileResultsKeepT
 
 // ---------------------------------------------------------------------------
 // Bounded whatever a server announces
-
-long residentKilobytes()
-{
-    QFile statm(QStringLiteral("/proc/self/statm"));
-    if (!statm.open(QIODevice::ReadOnly)) {
-        return -1;
-    }
-    const QList<QByteArray> fields = statm.readAll().split(' ');
-    return fields.size() > 1 ? fields[1].toLong() * (::sysconf(_SC_PAGESIZE) / 1024) : -1;
-}
 
 TEST_F(HttpClientRequest, AnAnnouncedLengthBuysNoMemoryOnlyTheBytesThatCame)
 {

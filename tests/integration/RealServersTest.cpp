@@ -7,6 +7,7 @@
 
 #include "LocalServers.h"
 #include "LoopbackServer.h"
+#include "ProcessState.h"
 #include "ResultReceiver.h"
 #include "SocketCount.h"
 #include "StreamProducers.h"
@@ -33,6 +34,8 @@
 #include <thread>
 
 namespace {
+
+using trel::test::residentKilobytes;
 
 using trel::test::HeldProducer;
 using trel::test::LoopbackServer;
@@ -318,16 +321,6 @@ QByteArray writeRandomFile(const QString& path, int megabytes)
         hash.addData(block);
     }
     return hash.result().toHex();
-}
-
-long residentKilobytes()
-{
-    QFile statm(QStringLiteral("/proc/self/statm"));
-    if (!statm.open(QIODevice::ReadOnly)) {
-        return -1;
-    }
-    const QList<QByteArray> fields = statm.readAll().split(' ');
-    return fields.size() > 1 ? fields[1].toLong() * (::sysconf(_SC_PAGESIZE) / 1024) : -1;
 }
 
 // Takes every delivery of one immediate-read request: hashes the pieces as

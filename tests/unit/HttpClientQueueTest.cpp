@@ -2,6 +2,7 @@
 #include <trel/HttpClientQueue.h>
 #include <trel/HttpClientTransfer.h>
 
+#include "ProcessState.h"
 #include "WaitFor.h"
 
 #include <gtest/gtest.h>
@@ -38,6 +39,8 @@
 
 namespace {
 
+using trel::test::threadState;
+
 // Bytes after maxSize that read must never touch.
 constexpr int guardSize = 16;
 constexpr char guardByte = '#';
@@ -51,20 +54,6 @@ struct ReadOutcome
     QByteArray bytes;
     bool guardIntact = true;
 };
-
-// The scheduler state of one of this process's threads, as the kernel reports it
-// ('R' running, 'S' sleeping, ...); '?' when it cannot be read.
-char threadState(pid_t tid)
-{
-    std::ifstream stat("/proc/self/task/" + std::to_string(tid) + "/stat");
-    std::string line;
-    std::getline(stat, line);
-    const auto close = line.rfind(')');
-    if (close == std::string::npos || close + 2 >= line.size()) {
-        return '?';
-    }
-    return line[close + 2];
-}
 
 // A read running on a thread of its own, as the transfer's read callback runs on
 // the client's thread while producers push from others.
