@@ -39,8 +39,6 @@ long defaultMaxConnections()
 // flight, while a burst of thousands does not keep its handles afterwards.
 constexpr std::size_t kMaxSpareHandles = 256;
 
-// A response to a request that carried credentials belongs to that user alone:
-// it is neither served from the cache nor stored in it.
 // The argument list every result slot has, as Qt's meta-object system spells
 // it after normalising: what the delivery's queued invocation looks up.
 const char* const kResultSlotArguments = "(TrelUrl,HttpClientPrivate,int,int,QByteArray,HttpClientHeaders)";
@@ -109,6 +107,8 @@ std::string printableName(const QString& name)
     return shown;
 }
 
+// A response to a request that carried credentials belongs to that user alone:
+// it is neither served from the cache nor stored in it.
 bool carriesCredentials(const HttpClientOptions& options)
 {
     // Names in lower case: matching without case then makes no new string.
