@@ -27,6 +27,18 @@
 class TREL_HTTP_CLIENT_EXPORT HttpClientHeaders
 {
 public:
+    /// The field every successful result and immediate-read delivery carries:
+    /// the URL libcurl ended at, after redirects.
+    static constexpr const char* EffectiveUrlField = "X-TrelEfectiveUrl";
+    /// The field of every result that libcurl ended with a failure: why, in
+    /// libcurl's words (or the library's, for the read-size limit).
+    static constexpr const char* ErrorField = "X-TrelError";
+    /// Beside ErrorField: libcurl's `CURLcode` as a decimal number (7 for a
+    /// refused connection, 28 for a timeout, 63 for a body over the read-size
+    /// limit, ...), for programs that decide by the code. Fields of a response
+    /// whose names begin with `X-Trel` never come from the server.
+    static constexpr const char* ErrorCodeField = "X-TrelErrorCode";
+
     /// One stored field: the name as last written, and its value.
     struct Header
     {

@@ -245,6 +245,7 @@ private:
     QSharedPointer<curl_mime> newMime();
     // Why libcurl ended the transfer with `result`, in words for the caller.
     QString failureReason(CURLcode result) const;
+    int failureCode(CURLcode result) const;
 
     EasyHandle easy;
     std::unique_ptr<curl_slist, SlistFree> headerList;

@@ -738,6 +738,26 @@ TEST_F(Nginx, TlsToAPlainHttpPortIsAnErrorThatSaysSo)
         << results.received[0].headers.value("X-TrelError", QString()).toStdString();
 }
 
+TEST_F(Nghttpd, ASelfSignedCertificateCarriesLibcurlsPeerVerificationCode)
+{
+    HttpClient client(nullptr, HttpClient::Http2);
+    client.get(url("/index.html"), HttpClientOptions(), results.callback());
+    ASSERT_TRUE(results.waitFor(1));
+    EXPECT_EQ(results.received[0].headers.value(HttpClientHeaders::ErrorCodeField, QString()),
+        QString::number(CURLE_PEER_FAILED_VERIFICATION));
+}
+
+TEST_F(Nginx, TlsToAPlainHttpPortCarriesLibcurlsConnectCode)
+{
+    HttpClient client;
+    options.setVerifyPeer(false);
+    client.get(TrelUrl::fromEncoded("https://127.0.0.1:" + QByteArray::number(nginx->port()) + "/files/1k"),
+        options, results.callback());
+    ASSERT_TRUE(results.waitFor(1));
+    EXPECT_EQ(results.received[0].headers.value(HttpClientHeaders::ErrorCodeField, QString()),
+        QString::number(CURLE_SSL_CONNECT_ERROR));
+}
+
 TEST(NghttpdCleartext, Http2OverHttpAgainstPriorKnowledgeServerIsAnErrorReportedCleanly)
 {
     NghttpdServer server;

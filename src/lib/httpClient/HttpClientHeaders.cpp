@@ -29,7 +29,8 @@ const std::vector<KnownName>& knownNames()
             "Content-Length", "Content-Location", "Content-Range", "Content-Type", "Date", "ETag", "Expires",
             "Keep-Alive", "Last-Modified", "Location", "Pragma", "Server", "Set-Cookie",
             "Strict-Transport-Security", "Transfer-Encoding", "Vary", "Via", "WWW-Authenticate",
-            "X-Content-Type-Options", "X-Frame-Options", "X-TrelEfectiveUrl", "X-TrelError" };
+            "X-Content-Type-Options", "X-Frame-Options", "X-TrelEfectiveUrl", "X-TrelError",
+            "X-TrelErrorCode" };
         std::vector<KnownName> list;
         for (const char* const spelling : spellings) {
             const QString name = QString::fromLatin1(spelling);

@@ -24,9 +24,7 @@ constexpr int kMethodDelete = 4;
 constexpr int kMethodPatch = 5;
 constexpr int kHttpVersion2 = 1;
 
-const char* const kEffectiveUrlHeader = "X-TrelEfectiveUrl";
 const char* const kAllowedProtocols = "http,https";
-const char* const kErrorHeader = "X-TrelError";
 const char* const kUserAgent = "trel_http_client/" TREL_HTTP_CLIENT_VERSION_STRING;
 
 // libcurl's receive buffer. Large reads mean fewer write callbacks and fewer
@@ -615,7 +613,7 @@ HttpClientHeaders HttpClientTransfer::receivedHeaders(bool withEffectiveUrl)
     if (withEffectiveUrl) {
         const QString effectiveUrl = getEffectiveUrl(easy.get());
         if (!effectiveUrl.isEmpty()) {
-            static const QString name = QString::fromLatin1(kEffectiveUrlHeader);
+            static const QString name = QString::fromLatin1(HttpClientHeaders::EffectiveUrlField);
             headers.insert(name, effectiveUrl);
         }
     }
@@ -685,12 +683,24 @@ void HttpClientTransfer::finish(CURLMsg* message)
     const HttpClientStatus status = statusFromCurlCode(result);
     HttpClientHeaders headers = receivedHeaders(status == HttpClientStatus::OK);
     if (status != HttpClientStatus::OK) {
-        headers.insert(QString::fromLatin1(kErrorHeader), failureReason(result));
+        headers.insert(QString::fromLatin1(HttpClientHeaders::ErrorField), failureReason(result));
+        headers.insert(
+            QString::fromLatin1(HttpClientHeaders::ErrorCodeField), QString::number(failureCode(result)));
     }
     curl_multi_remove_handle(activeMulti, easy.get());
     activeMulti = nullptr;
     endUploadStream();
     reportCompletion(status, code, receiveBuffer.body, headers);
+}
+
+// libcurl's code for the failure; a body cut at the read-size limit, which
+// libcurl sees as a short write (23), is the file-size failure it is (63).
+int HttpClientTransfer::failureCode(CURLcode result) const
+{
+    if (result == CURLE_WRITE_ERROR && receiveBuffer.overLimit) {
+        return static_cast<int>(CURLE_FILESIZE_EXCEEDED);
+    }
+    return static_cast<int>(result);
 }
 
 QString HttpClientTransfer::failureReason(CURLcode result) const
@@ -724,8 +734,10 @@ void HttpClientTransfer::timeOutUnstarted(std::int64_t waitedMs)
         return;
     }
     HttpClientHeaders headers;
-    headers.insert(QString::fromLatin1(kErrorHeader),
+    headers.insert(QString::fromLatin1(HttpClientHeaders::ErrorField),
         QStringLiteral("Operation timed out after %1 milliseconds waiting for a connection").arg(waitedMs));
+    headers.insert(QString::fromLatin1(HttpClientHeaders::ErrorCodeField),
+        QString::number(static_cast<int>(CURLE_OPERATION_TIMEDOUT)));
     reportCompletion(HttpClientStatus::Timeout, 0, QByteArray(), headers);
 }
 
