@@ -14,8 +14,6 @@ constexpr int kProgressIntervalMs = 500;
 // requested result is in, the run ends after this long without a new push.
 constexpr int kPushQuietMs = 300;
 
-const char* const kEffectiveUrlHeader = "X-TrelEfectiveUrl";
-
 const char* methodName(HttpClient::HttpMethod method)
 {
     switch (method) {
@@ -49,7 +47,8 @@ bool parseUrl(const QString& text, TrelUrl& url, QString& error)
 
 QString effectiveUrl(const HttpClientResult& result)
 {
-    return result.headers.value(kEffectiveUrlHeader, QString::fromUtf8(result.url.toEncoded()));
+    return result.headers.value(
+        HttpClientHeaders::EffectiveUrlField, QString::fromUtf8(result.url.toEncoded()));
 }
 
 std::int64_t contentLength(const HttpClientHeaders& headers)
@@ -410,7 +409,7 @@ Outcome Fetcher::finalOutcome(Transfer& transfer, const HttpClientResult& result
         return { exitcode::kCancelled,
             QString("cancelled after %1 ms (--cancel-after)").arg(config.cancelAfterMs) };
     }
-    if (libraryReason(result).contains("read-size limit")) {
+    if (libraryErrorCode(result) == CURLE_FILESIZE_EXCEEDED) { // the library's read-size limit
         return tooLarge(config.maxFilesize);
     }
     return classify(result, config.failOnHttpError);
@@ -565,7 +564,7 @@ void Fetcher::onPushed(const TrelUrl& /*url*/, const HttpClientPrivate& /*contex
     ResultRecord record;
     record.pushed = true;
     record.index = -1;
-    record.effectiveUrl = headers.value(kEffectiveUrlHeader, QString());
+    record.effectiveUrl = headers.value(HttpClientHeaders::EffectiveUrlField, QString());
     record.url = record.effectiveUrl;
     record.status = static_cast<HttpClientStatus>(status);
     record.code = code;

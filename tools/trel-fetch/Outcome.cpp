@@ -3,27 +3,45 @@
 namespace trelfetch {
 namespace {
 
-const char* const kErrorHeader = "X-TrelError";
-
-bool mentions(const QString& reason, const char* word)
+// libcurl's codes for a failed TLS handshake or certificate check.
+bool isTlsFailure(int code)
 {
-    return reason.contains(QLatin1String(word), Qt::CaseInsensitive);
+    switch (code) {
+    case CURLE_SSL_CONNECT_ERROR:
+    case CURLE_SSL_ENGINE_NOTFOUND:
+    case CURLE_SSL_ENGINE_SETFAILED:
+    case CURLE_SSL_CERTPROBLEM:
+    case CURLE_SSL_CIPHER:
+    case CURLE_PEER_FAILED_VERIFICATION:
+    case CURLE_USE_SSL_FAILED:
+    case CURLE_SSL_ENGINE_INITFAILED:
+    case CURLE_SSL_CACERT_BADFILE:
+    case CURLE_SSL_SHUTDOWN_FAILED:
+    case CURLE_SSL_CRL_BADFILE:
+    case CURLE_SSL_ISSUER_ERROR:
+    case CURLE_SSL_PINNEDPUBKEYNOTMATCH:
+    case CURLE_SSL_INVALIDCERTSTATUS:
+    case CURLE_SSL_CLIENTCERT:
+        return true;
+    default:
+        return false;
+    }
 }
 
-// The library has one status for most endings; its reason tells them apart.
-int exitCodeOfError(const QString& reason)
+// The library has one status for most endings; libcurl's code beside it tells
+// them apart.
+int exitCodeOfError(int code)
 {
-    if (mentions(reason, "redirects followed")) {
+    if (code == CURLE_TOO_MANY_REDIRECTS) {
         return exitcode::kTooManyRedirects;
     }
-    if (mentions(reason, "SSL") || mentions(reason, "TLS") || mentions(reason, "certificate")) {
+    if (isTlsFailure(code)) {
         return exitcode::kTls;
     }
-    if (mentions(reason, "URL rejected") || mentions(reason, "malformed")) {
+    if (code == CURLE_URL_MALFORMAT) {
         return exitcode::kMalformedUrl;
     }
-    if (mentions(reason, "Recv failure") || mentions(reason, "connection reset")
-        || mentions(reason, "transfer closed")) {
+    if (code == CURLE_RECV_ERROR || code == CURLE_SEND_ERROR || code == CURLE_PARTIAL_FILE) {
         return exitcode::kReceive;
     }
     return exitcode::kOther;
@@ -33,7 +51,14 @@ int exitCodeOfError(const QString& reason)
 
 QString libraryReason(const HttpClientResult& result)
 {
-    return result.headers.value(kErrorHeader, QString());
+    return result.headers.value(HttpClientHeaders::ErrorField, QString());
+}
+
+int libraryErrorCode(const HttpClientResult& result)
+{
+    bool valid = false;
+    const int code = result.headers.value(HttpClientHeaders::ErrorCodeField, QString()).toInt(&valid);
+    return valid ? code : -1;
 }
 
 Outcome classify(const HttpClientResult& result, bool failOnHttpError)
@@ -55,7 +80,7 @@ Outcome classify(const HttpClientResult& result, bool failOnHttpError)
     case HttpClientStatus::ImmediateRead:
         break;
     }
-    return { exitCodeOfError(reason), reason.isEmpty() ? "transfer failed" : reason };
+    return { exitCodeOfError(libraryErrorCode(result)), reason.isEmpty() ? "transfer failed" : reason };
 }
 
 } // namespace trelfetch

@@ -1,7 +1,8 @@
 #pragma once
 
 // How a finished request counts: its exit code (curl's numbers) and the reason
-// in words, taken from the library's X-TrelError header where it gave one.
+// in words, taken from the library's X-TrelError header where it gave one;
+// the exit code is decided by libcurl's code beside it (X-TrelErrorCode).
 
 #include <trel/HttpClient.h>
 
@@ -41,5 +42,8 @@ Outcome classify(const HttpClientResult& result, bool failOnHttpError);
 
 // The library's reason for a failed result.
 QString libraryReason(const HttpClientResult& result);
+// libcurl's code for a failed result (HttpClientHeaders::ErrorCodeField); -1
+// when the result carries none.
+int libraryErrorCode(const HttpClientResult& result);
 
 } // namespace trelfetch

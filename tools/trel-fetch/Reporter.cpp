@@ -14,9 +14,6 @@
 namespace trelfetch {
 namespace {
 
-const char* const kEffectiveUrlHeader = "X-TrelEfectiveUrl";
-const char* const kErrorHeader = "X-TrelError";
-
 bool isTerminal(std::FILE* stream)
 {
     return ::isatty(::fileno(stream)) == 1;
@@ -42,8 +39,9 @@ QString duration(double seconds)
 // The library's own pseudo-headers are not part of the response.
 bool isPseudoHeader(const QString& name)
 {
-    return name.compare(kEffectiveUrlHeader, Qt::CaseInsensitive) == 0
-        || name.compare(kErrorHeader, Qt::CaseInsensitive) == 0;
+    return name.compare(HttpClientHeaders::EffectiveUrlField, Qt::CaseInsensitive) == 0
+        || name.compare(HttpClientHeaders::ErrorField, Qt::CaseInsensitive) == 0
+        || name.compare(HttpClientHeaders::ErrorCodeField, Qt::CaseInsensitive) == 0;
 }
 
 // Every value of a repeated field on a line of its own, as it arrived; fields
