@@ -371,9 +371,10 @@ bool HttpClientTransfer::setDataToUpload(const QByteArray& data)
     // libcurl reads this buffer until the transfer ends. A shared reference is
     // enough: the caller's later changes detach the caller's copy, never this
     // one. Bytes the array does not own (QByteArray::fromRawData) are copied,
-    // since their owner may free them as soon as this call returns.
+    // since their owner may free them as soon as this call returns: such an
+    // array has allocated nothing, so its capacity is below its size.
     uploadBytes = data;
-    if (uploadBytes.data_ptr()->offset != sizeof(QByteArrayData)) {
+    if (uploadBytes.capacity() < uploadBytes.size()) {
         uploadBytes.detach();
     }
     curl_easy_setopt(easy.get(), CURLOPT_POSTFIELDS, uploadBytes.constData());
