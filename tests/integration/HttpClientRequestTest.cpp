@@ -239,8 +239,8 @@ TEST_F(HttpClientRequest, StreamedBodyArrivesWholeInPushOrderAndTheConnectionIsR
     chunks << QByteArray("tail-1") << QByteArray("tail-2");
     expected += "tail-1tail-2";
     {
-        // The producer pauses over a second before its last chunks: the
-        // client's thread blocks in the read meanwhile, by design.
+        // The producer pauses over a second before its last chunks: the upload
+        // pauses meanwhile while the client's thread goes on serving events.
         QList<QByteArray> early = chunks.mid(0, 40);
         QList<QByteArray> late = chunks.mid(40);
         auto lateQueue = queue;

@@ -2,8 +2,8 @@
 
 // A scriptable HTTP/1.1 server on 127.0.0.1 (ephemeral port) for exact wire
 // checks and for faults real servers will not produce on demand. It runs on a
-// thread of its own: a streamed upload blocks the client's thread by design,
-// so the server must never share it. Every complete request is recorded as
+// thread of its own, so a test may block its client's thread (a producer
+// waiting on a full upload queue, say) without stopping the server. Every complete request is recorded as
 // received (raw bytes, decoded body, multipart parts) before it is answered.
 
 #include <QByteArray>

@@ -1,8 +1,8 @@
 #pragma once
 
 // The producer side of --stream: a thread that reads standard input in chunks
-// into an HttpClientQueue and closes the queue at end of input, so the client's
-// thread (which blocks in the queue while it is open and empty) always wakes up.
+// into an HttpClientQueue and closes the queue at end of input, so the upload
+// (paused while the queue is open and empty) always resumes and ends.
 
 #include <trel/HttpClientQueue.h>
 
