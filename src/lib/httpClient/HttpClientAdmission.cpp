@@ -56,9 +56,11 @@ void HttpClient::admit(void* id, HttpClientTransfer& transfer)
 }
 
 // A request that ended (finished, cancelled) frees its place for the next.
+// Runs for every request that ends: with nobody waiting (the usual case) it
+// costs the one set removal.
 void HttpClient::releaseAdmission(void* id)
 {
-    if (admittedIds.remove(id)) {
+    if (admittedIds.remove(id) && !waitingOrder.empty()) {
         admitWaiting();
     }
 }
