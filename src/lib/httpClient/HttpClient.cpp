@@ -31,8 +31,8 @@ long defaultMaxConnections()
     if (::getrlimit(RLIMIT_NOFILE, &limit) != 0 || limit.rlim_cur == RLIM_INFINITY) {
         return kMaxDefaultConnections;
     }
-    const auto half = static_cast<long>(std::min<rlim_t>(limit.rlim_cur / 2, kMaxDefaultConnections));
-    return std::clamp(half, kMinDefaultConnections, kMaxDefaultConnections);
+    return static_cast<long>(
+        std::clamp<rlim_t>(limit.rlim_cur / 2, kMinDefaultConnections, kMaxDefaultConnections));
 }
 
 // Most spare easy handles kept for reuse: enough for hundreds of requests in

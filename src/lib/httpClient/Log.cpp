@@ -11,7 +11,7 @@ namespace {
 
 const char* const kHidden = "***";
 
-bool carriesCredentials(const QString& name)
+bool isCredentialField(const QString& name)
 {
     static const QStringList names { QStringLiteral("authorization"), QStringLiteral("proxy-authorization"),
         QStringLiteral("cookie"), QStringLiteral("set-cookie") };
@@ -80,7 +80,7 @@ std::ostream& operator<<(std::ostream& out, const RedactedHeaders& redacted)
     HttpClientHeaders shown = redacted.headers;
     const QHash<QString, QString> fields = redacted.headers.headers();
     for (auto it = fields.cbegin(); it != fields.cend(); ++it) {
-        if (carriesCredentials(it.key())) {
+        if (isCredentialField(it.key())) {
             shown.insert(it.key(), QString::fromLatin1(kHidden)); // same entry, same written name
         } else if (it.value().contains(QLatin1String("://"))) {
             shown.insert(it.key(), QString::fromUtf8(withoutPassword(it.value().toUtf8())));
