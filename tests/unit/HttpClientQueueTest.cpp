@@ -55,50 +55,51 @@ struct ReadOutcome
     bool guardIntact = true;
 };
 
-// A read running on a thread of its own, as the transfer's read callback runs on
-// the client's thread while producers push from others.
-class BackgroundRead
+// One call of a queue that may wait, run on a thread of its own: a read, as the
+// transfer's read callback runs on the client's thread, or a push, as producers
+// push from others. Joined on destruction.
+class BackgroundCall
 {
 public:
-    BackgroundRead(HttpClientQueue& queue, int maxSize)
+    BackgroundCall(HttpClientQueue& queue, const char* what, std::function<void()> call)
         : queue(queue)
-        , maxSize(maxSize)
-        , buffer(static_cast<size_t>(maxSize + guardSize), guardByte)
+        , what(what)
+        , call(std::move(call))
         , thread([this] { run(); })
     { }
 
-    ~BackgroundRead()
+    ~BackgroundCall()
     {
-        // A reader still waiting here means an expectation already failed; closing
+        // A call still waiting here means an expectation already failed; closing
         // releases it so the thread can be joined instead of hanging the run. If
         // even close cannot release it, no call of the queue can, and ending the
         // run with a message beats waiting for the test timeout.
         if (!finished.load()) {
             queue.close();
             if (!waitFinished()) {
-                std::fprintf(stderr, "a reader stayed blocked in HttpClientQueue::read after close()\n");
+                std::fprintf(stderr, "%s stayed blocked in HttpClientQueue after close()\n", what);
                 std::abort();
             }
         }
         thread.join();
     }
 
-    BackgroundRead(const BackgroundRead&) = delete;
-    BackgroundRead& operator=(const BackgroundRead&) = delete;
+    BackgroundCall(const BackgroundCall&) = delete;
+    BackgroundCall& operator=(const BackgroundCall&) = delete;
 
     bool waitFinished(int timeoutMs = 10000)
     {
         return trel::test::waitFor([this] { return finished.load(); }, timeoutMs);
     }
 
-    // True once the reader is seen asleep inside read without having returned:
-    // with nobody else holding the queue's mutex, the only place it can sleep is
-    // the wait for data.
+    // True once the thread is seen asleep inside the call without having
+    // returned: with nobody else holding the queue's mutex, the only place it
+    // can sleep is the queue's wait (for data, or for room).
     bool waitBlocked(int timeoutMs = 10000)
     {
         return trel::test::waitFor(
             [this] {
-                const pid_t tid = readerTid.load();
+                const pid_t tid = callerTid.load();
                 return tid != 0 && !finished.load() && threadState(tid) == 'S' && !finished.load();
             },
             timeoutMs);
@@ -106,10 +107,41 @@ public:
 
     bool isFinished() const { return finished.load(); }
 
+private:
+    void run()
+    {
+        callerTid.store(static_cast<pid_t>(::syscall(SYS_gettid)));
+        call();
+        finished.store(true);
+    }
+
+    HttpClientQueue& queue;
+    const char* const what;
+    const std::function<void()> call;
+    std::atomic<pid_t> callerTid { 0 };
+    std::atomic<bool> finished { false };
+    std::thread thread;
+};
+
+// A read running on a thread of its own.
+class BackgroundRead
+{
+public:
+    BackgroundRead(HttpClientQueue& queue, int maxSize)
+        : maxSize(maxSize)
+        , buffer(static_cast<size_t>(maxSize + guardSize), guardByte)
+        , background(
+              queue, "a reader", [this, &queue] { result.store(queue.read(buffer.data(), this->maxSize)); })
+    { }
+
+    bool waitFinished(int timeoutMs = 10000) { return background.waitFinished(timeoutMs); }
+    bool waitBlocked(int timeoutMs = 10000) { return background.waitBlocked(timeoutMs); }
+    bool isFinished() const { return background.isFinished(); }
+
     ReadOutcome outcome() const
     {
         ReadOutcome outcome;
-        if (!finished.load()) {
+        if (!background.isFinished()) {
             outcome.result = stillBlocked;
             return outcome;
         }
@@ -124,20 +156,10 @@ public:
     }
 
 private:
-    void run()
-    {
-        readerTid.store(static_cast<pid_t>(::syscall(SYS_gettid)));
-        result.store(queue.read(buffer.data(), maxSize));
-        finished.store(true);
-    }
-
-    HttpClientQueue& queue;
     const int maxSize;
     std::vector<char> buffer;
-    std::atomic<pid_t> readerTid { 0 };
     std::atomic<int> result { 0 };
-    std::atomic<bool> finished { false };
-    std::thread thread;
+    BackgroundCall background; // last: its thread starts once the rest exists, and is joined first
 };
 
 // One read of a queue that should answer at once (it holds a chunk, or is closed).
@@ -1013,68 +1035,22 @@ class BackgroundPush
 {
 public:
     BackgroundPush(HttpClientQueue& queue, QByteArray chunk, bool atFront = false)
-        : queue(queue)
-        , chunk(std::move(chunk))
-        , atFront(atFront)
-        , thread([this] { run(); })
+        : chunk(std::move(chunk))
+        , background(queue, "a producer", [this, &queue, atFront] {
+            result.store(atFront ? queue.prepend(this->chunk) : queue.append(this->chunk));
+        })
     { }
 
-    ~BackgroundPush()
-    {
-        // A producer still waiting here means an expectation already failed;
-        // closing releases it so the thread can be joined instead of hanging the
-        // run. If even close cannot release it, ending the run with a message
-        // beats waiting for the test timeout.
-        if (!finished.load()) {
-            queue.close();
-            if (!waitFinished()) {
-                std::fprintf(stderr, "a producer stayed blocked in HttpClientQueue after close()\n");
-                std::abort();
-            }
-        }
-        thread.join();
-    }
-
-    BackgroundPush(const BackgroundPush&) = delete;
-    BackgroundPush& operator=(const BackgroundPush&) = delete;
-
-    bool waitFinished(int timeoutMs = 10000)
-    {
-        return trel::test::waitFor([this] { return finished.load(); }, timeoutMs);
-    }
-
-    // True once the producer is seen asleep inside the push without having
-    // returned: with nobody else holding the queue's mutex, the only place it
-    // can sleep is the wait for room.
-    bool waitBlocked(int timeoutMs = 10000)
-    {
-        return trel::test::waitFor(
-            [this] {
-                const pid_t tid = producerTid.load();
-                return tid != 0 && !finished.load() && threadState(tid) == 'S' && !finished.load();
-            },
-            timeoutMs);
-    }
-
-    bool isFinished() const { return finished.load(); }
+    bool waitFinished(int timeoutMs = 10000) { return background.waitFinished(timeoutMs); }
+    bool waitBlocked(int timeoutMs = 10000) { return background.waitBlocked(timeoutMs); }
+    bool isFinished() const { return background.isFinished(); }
     // Meaningful once finished.
     bool accepted() const { return result.load(); }
 
 private:
-    void run()
-    {
-        producerTid.store(static_cast<pid_t>(::syscall(SYS_gettid)));
-        result.store(atFront ? queue.prepend(chunk) : queue.append(chunk));
-        finished.store(true);
-    }
-
-    HttpClientQueue& queue;
     const QByteArray chunk;
-    const bool atFront;
-    std::atomic<pid_t> producerTid { 0 };
     std::atomic<bool> result { false };
-    std::atomic<bool> finished { false };
-    std::thread thread;
+    BackgroundCall background; // last: its thread starts once the rest exists, and is joined first
 };
 
 TEST(HttpClientQueueCapacity, BytesQueuedCountsWhatIsPushedAndNotYetTaken)
