@@ -183,7 +183,13 @@ public:
     void update();
     /// Adds the easy handle to \p multi: the exchange begins as \p multi is
     /// driven. Starting an active transfer logs a FATAL line and does nothing.
+    /// When libcurl refuses the handle, the transfer ends at once: it reports
+    /// HttpClientStatus::Error, code 0, with libcurl's reason in `X-TrelError`
+    /// and a libcurl code in `X-TrelErrorCode`, and stays inactive.
     void start(CURLM* multi);
+    /// Whether the transfer is in a multi handle: started (or pushed) and not
+    /// yet finished or cancelled.
+    bool isActive() const;
     /// Ends the transfer with libcurl's CURLMSG_DONE \p message: removes the
     /// handle from the multi handle and reports the status the result code maps
     /// to, the response code, the body and the headers (with
@@ -240,6 +246,7 @@ private:
     void installReceiveCallbacks();
     void reportCompletion(
         HttpClientStatus status, long code, const QByteArray& body, const HttpClientHeaders& headers);
+    void reportAddFailure(CURLMcode added);
     long responseCode();
     HttpClientHeaders receivedHeaders(bool withEffectiveUrl);
     QSharedPointer<curl_mime> newMime();

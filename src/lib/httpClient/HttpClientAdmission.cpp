@@ -51,8 +51,15 @@ bool HttpClient::hasRoomForAnother() const
 
 void HttpClient::admit(void* id, HttpClientTransfer& transfer)
 {
-    admittedIds.insert(id);
     transfer.start(multi);
+    if (transfer.isActive()) {
+        admittedIds.insert(id);
+        return;
+    }
+    // libcurl refused it and the transfer has reported its failure: it holds
+    // no place and leaves the table like a finished one.
+    takeTransfer(id);
+    recycleHandle(transfer);
 }
 
 // A request that ended (finished, cancelled) frees its place for the next.
@@ -138,6 +145,9 @@ void HttpClient::endRequest(void* id, HttpClientTransfer& transfer)
     if (waiting.contains(id)) {
         stopWaiting(id);
         transfer.start(multi);
+        if (!transfer.isActive()) {
+            return; // refused by libcurl: it has reported that failure instead
+        }
     }
     transfer.cancel(); // reports Error/-1; the delivery is queued
     releaseAdmission(id);

@@ -160,7 +160,11 @@ void HttpClient::on_writeNotifiersBlocked_timeout()
 void HttpClient::on_transfer_socketData(int socket, int flags)
 {
     int running = 0;
-    curl_multi_socket_action(multi, socket, flags, &running);
+    const CURLMcode acted = curl_multi_socket_action(multi, socket, flags, &running);
+    if (acted != CURLM_OK) {
+        TREL_ERROR("Socket action failed on socket " << socket << ": " << curl_multi_strerror(acted) << " ("
+                                                     << static_cast<int>(acted) << ")");
+    }
     // Only immediate-read transfers have anything to hand over between network
     // events, so only they are visited: one event costs the same however many
     // other transfers are live. Each looks at what arrived, not only the one whose

@@ -107,8 +107,33 @@ void HttpClientTransfer::start(CURLM* multi)
         TREL_FATAL("Transfer is already active");
         return;
     }
+    const CURLMcode added = curl_multi_add_handle(multi, easy.get());
+    if (added != CURLM_OK) {
+        reportAddFailure(added);
+        return;
+    }
     activeMulti = multi;
-    curl_multi_add_handle(multi, easy.get());
+}
+
+// libcurl never saw the request, so it never ends there: it ends here, as an
+// Error with libcurl's words. The code is the transfer-level one closest to the
+// multi handle's refusal, so callers branch on one kind of code.
+void HttpClientTransfer::reportAddFailure(CURLMcode added)
+{
+    const char* const reason = curl_multi_strerror(added);
+    TREL_ERROR("Failed to add the transfer to libcurl: " << reason << " (" << static_cast<int>(added) << ")");
+    const CURLcode code = added == CURLM_OUT_OF_MEMORY ? CURLE_OUT_OF_MEMORY : CURLE_FAILED_INIT;
+    HttpClientHeaders headers;
+    headers.insert(QString::fromLatin1(HttpClientHeaders::ErrorField),
+        QStringLiteral("could not start the transfer: %1").arg(QString::fromUtf8(reason)));
+    headers.insert(
+        QString::fromLatin1(HttpClientHeaders::ErrorCodeField), QString::number(static_cast<int>(code)));
+    reportCompletion(HttpClientStatus::Error, 0, QByteArray(), headers);
+}
+
+bool HttpClientTransfer::isActive() const
+{
+    return activeMulti != nullptr;
 }
 
 QString HttpClientTransfer::getEffectiveUrl(void* handle)
