@@ -1,3 +1,5 @@
+// Stand-in for the platform's request payload types carried in a caller's context.
+
 #include <trel/CMRequest.h>
 
 // Out-of-line destructors anchor each data class's vtable and type information

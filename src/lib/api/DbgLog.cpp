@@ -1,3 +1,6 @@
+// Stand-in for the platform's logging helpers: the scoped-function label and
+// QString on a standard stream.
+
 #include <trel/DbgLog.h>
 
 std::string dbglog_scopedFunction(const char* function, const char* /*logger*/)

@@ -1,3 +1,5 @@
+// Stand-in for the platform's URL type: encoded forms, the query and the cache key.
+
 #include <trel/TrelUrl.h>
 
 namespace {

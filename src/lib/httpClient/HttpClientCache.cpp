@@ -1,3 +1,6 @@
+// The client's small LRU response cache: fresh GET results served again,
+// storable ones kept, the oldest evicted beyond the size.
+
 #include <trel/HttpClientCache.h>
 
 #include "Log.h"

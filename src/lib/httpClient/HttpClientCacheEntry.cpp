@@ -1,3 +1,6 @@
+// One cached response and its freshness: the lifetime from Cache-Control max-age
+// or Expires, and whether a response may be stored at all.
+
 #include <trel/HttpClientCache.h>
 
 #include <QDateTime>

@@ -1,3 +1,6 @@
+// Header fields: parsed from a raw response head, looked up without case, every
+// value of a repeated field kept.
+
 #include <trel/HttpClientHeaders.h>
 
 #include "Log.h"

@@ -1,3 +1,5 @@
+// A request's settings as the caller sets them; the transfer maps them to libcurl.
+
 #include <trel/HttpClientOptions.h>
 
 const QSet<HttpClientOptions::HttpPostRedirFlags> HttpClientOptions::PostRedirAll

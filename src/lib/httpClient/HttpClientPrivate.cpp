@@ -1,3 +1,5 @@
+// The caller's context payload, handed back unchanged with the request's result.
+
 #include <trel/HttpClientPrivate.h>
 
 HttpClientPrivate::Data::Data() = default;

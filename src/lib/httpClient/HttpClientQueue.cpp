@@ -1,3 +1,6 @@
+// A streamed request body: producers on any thread append, the client's thread
+// reads without waiting, and the queue's capacity bounds what it holds.
+
 #include <trel/HttpClientQueue.h>
 
 #include <QMetaObject>

@@ -1,3 +1,5 @@
+// How a result status prints in log lines.
+
 #include <trel/HttpClient.h>
 #include <trel/HttpClientStatus.h>
 

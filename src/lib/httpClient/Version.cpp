@@ -1,3 +1,5 @@
+// The library's version, as the running binary reports it.
+
 #include <trel/Version.h>
 
 const char* trelHttpClientVersion()
