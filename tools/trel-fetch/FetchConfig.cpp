@@ -29,11 +29,11 @@ class ParsedArguments
 public:
     explicit ParsedArguments(const QStringList& arguments);
 
-    bool isSet(const QString& name) const;
-    QString value(const QString& name) const; // the last one given
-    QStringList values(const QString& name) const;
-    // Every -o and -O, in order, as (name, value).
-    QList<QPair<QString, QString>> inOrder(const QStringList& names) const;
+    bool isSet(Option option) const;
+    QString value(Option option) const; // the last one given
+    QStringList values(Option option) const;
+    // Every use of the options in `wanted` (such as -o and -O), in order, as (option, value).
+    QList<QPair<Option, QString>> inOrder(const QList<Option>& wanted) const;
     const QStringList& positional() const { return urls; }
 
 private:
@@ -42,7 +42,7 @@ private:
     static const OptionSpec& findLong(const QString& name);
     static const OptionSpec& findShort(QChar name);
 
-    QList<QPair<QString, QString>> given;
+    QList<QPair<Option, QString>> given;
     QStringList urls;
 };
 
@@ -91,14 +91,14 @@ void ParsedArguments::parseLong(const QString& argument, const QStringList& argu
         if (option.valueKind == ValueKind::None) {
             fail(QString("--%1 takes no value").arg(option.longName));
         }
-        given.append({ option.longName, argument.mid(equals + 1) });
+        given.append({ option.option, argument.mid(equals + 1) });
     } else if (option.valueKind == ValueKind::Required) {
         if (index + 1 >= arguments.size()) {
             fail(QString("--%1 needs a value (%2)").arg(option.longName, option.valueName));
         }
-        given.append({ option.longName, arguments.at(++index) });
+        given.append({ option.option, arguments.at(++index) });
     } else {
-        given.append({ option.longName, QString() });
+        given.append({ option.option, QString() });
     }
 }
 
@@ -108,13 +108,13 @@ void ParsedArguments::parseShortGroup(const QString& argument, const QStringList
     for (int position = 1; position < argument.size(); ++position) {
         const OptionSpec& option = findShort(argument.at(position));
         if (option.valueKind != ValueKind::Required) {
-            given.append({ option.longName, QString() });
+            given.append({ option.option, QString() });
             continue;
         }
         if (position + 1 < argument.size()) {
-            given.append({ option.longName, argument.mid(position + 1) });
+            given.append({ option.option, argument.mid(position + 1) });
         } else if (index + 1 < arguments.size()) {
-            given.append({ option.longName, arguments.at(++index) });
+            given.append({ option.option, arguments.at(++index) });
         } else {
             fail(QString("-%1 needs a value (%2)").arg(option.shortName).arg(option.valueName));
         }
@@ -122,48 +122,54 @@ void ParsedArguments::parseShortGroup(const QString& argument, const QStringList
     }
 }
 
-bool ParsedArguments::isSet(const QString& name) const
+bool ParsedArguments::isSet(Option option) const
 {
-    return std::any_of(given.cbegin(), given.cend(), [&](const auto& entry) { return entry.first == name; });
+    return std::any_of(
+        given.cbegin(), given.cend(), [option](const auto& entry) { return entry.first == option; });
 }
 
-QString ParsedArguments::value(const QString& name) const
+QString ParsedArguments::value(Option option) const
 {
-    const QStringList all = values(name);
+    const QStringList all = values(option);
     return all.isEmpty() ? QString() : all.last();
 }
 
-QStringList ParsedArguments::values(const QString& name) const
+QStringList ParsedArguments::values(Option option) const
 {
     QStringList all;
     for (const auto& entry : given) {
-        if (entry.first == name) {
+        if (entry.first == option) {
             all.append(entry.second);
         }
     }
     return all;
 }
 
-QList<QPair<QString, QString>> ParsedArguments::inOrder(const QStringList& names) const
+QList<QPair<Option, QString>> ParsedArguments::inOrder(const QList<Option>& wanted) const
 {
-    QList<QPair<QString, QString>> found;
+    QList<QPair<Option, QString>> found;
     for (const auto& entry : given) {
-        if (names.contains(entry.first)) {
+        if (wanted.contains(entry.first)) {
             found.append(entry);
         }
     }
     return found;
 }
 
-long long parseInteger(
-    const ParsedArguments& parsed, const QString& name, long long minimum, long long maximum)
+// "--max-time", as messages name an option.
+QString longForm(Option option)
 {
-    const QString text = parsed.value(name);
+    return "--" + optionEntry(option).longName;
+}
+
+long long parseInteger(const ParsedArguments& parsed, Option option, long long minimum, long long maximum)
+{
+    const QString text = parsed.value(option);
     bool ok = false;
     const long long value = text.toLongLong(&ok);
     if (!ok || value < minimum || value > maximum) {
-        fail(QString("--%1 needs an integer from %2 to %3, not '%4'")
-                 .arg(name)
+        fail(QString("%1 needs an integer from %2 to %3, not '%4'")
+                 .arg(longForm(option))
                  .arg(minimum)
                  .arg(maximum)
                  .arg(text));
@@ -172,23 +178,24 @@ long long parseInteger(
 }
 
 // Seconds with fractions, as curl takes them, in whole milliseconds (at least 1).
-int parseSecondsAsMs(const ParsedArguments& parsed, const QString& name)
+int parseSecondsAsMs(const ParsedArguments& parsed, Option option)
 {
-    const QString text = parsed.value(name);
+    const QString text = parsed.value(option);
     bool ok = false;
     const double seconds = text.toDouble(&ok);
     const double maxSeconds = std::numeric_limits<int>::max() / 1000.0;
     if (!ok || !std::isfinite(seconds) || seconds <= 0 || seconds > maxSeconds) {
-        fail(QString("--%1 needs a number of seconds above 0 (such as 2.5), not '%2'").arg(name, text));
+        fail(QString("%1 needs a number of seconds above 0 (such as 2.5), not '%2'")
+                 .arg(longForm(option), text));
     }
     return std::max(1, static_cast<int>(std::ceil(seconds * 1000.0)));
 }
 
-QByteArray readWholeFile(const QString& path, const QString& option)
+QByteArray readWholeFile(const QString& path, Option option)
 {
     QFile file(path);
     if (!file.open(QIODevice::ReadOnly)) {
-        fail(QString("%1: cannot read '%2': %3").arg(option, path, file.errorString()));
+        fail(QString("%1: cannot read '%2': %3").arg(longForm(option), path, file.errorString()));
     }
     return file.readAll();
 }
@@ -240,7 +247,7 @@ QByteArray dataArgument(const QString& text, std::istream& standardInput)
     if (text == "@-") {
         return readAll(standardInput);
     }
-    return text.startsWith('@') ? readWholeFile(text.mid(1), "--data") : text.toUtf8();
+    return text.startsWith('@') ? readWholeFile(text.mid(1), Option::Data) : text.toUtf8();
 }
 
 void readForm(const QStringList& fields, FetchConfig& config)
@@ -256,7 +263,7 @@ void readForm(const QStringList& fields, FetchConfig& config)
                 fail("-F NAME=@FILE uploads one file and must be the only form field");
             }
             config.bodyKind = BodyKind::FormFile;
-            config.data = readWholeFile(value.mid(1), "--form");
+            config.data = readWholeFile(value.mid(1), Option::Form);
             return;
         }
         config.formFields.append({ field.left(equals), value });
@@ -266,24 +273,24 @@ void readForm(const QStringList& fields, FetchConfig& config)
 
 void readBody(const ParsedArguments& parsed, std::istream& standardInput, FetchConfig& config)
 {
-    const int sources = int(parsed.isSet("data")) + int(parsed.isSet("form"))
-        + int(parsed.isSet("upload-file")) + int(parsed.isSet("stream"));
+    const int sources = int(parsed.isSet(Option::Data)) + int(parsed.isSet(Option::Form))
+        + int(parsed.isSet(Option::UploadFile)) + int(parsed.isSet(Option::Stream));
     if (sources > 1) {
         fail("-d, -F, -T and --stream are different ways to give one body: choose one");
     }
-    if (parsed.isSet("data")) {
+    if (parsed.isSet(Option::Data)) {
         config.bodyKind = BodyKind::Data;
         QByteArrayList parts;
-        for (const QString& text : parsed.values("data")) {
+        for (const QString& text : parsed.values(Option::Data)) {
             parts.append(dataArgument(text, standardInput));
         }
         config.data = parts.join('&');
-    } else if (parsed.isSet("upload-file")) {
+    } else if (parsed.isSet(Option::UploadFile)) {
         config.bodyKind = BodyKind::Data;
-        config.data = readWholeFile(parsed.value("upload-file"), "--upload-file");
-    } else if (parsed.isSet("form")) {
-        readForm(parsed.values("form"), config);
-    } else if (parsed.isSet("stream")) {
+        config.data = readWholeFile(parsed.value(Option::UploadFile), Option::UploadFile);
+    } else if (parsed.isSet(Option::Form)) {
+        readForm(parsed.values(Option::Form), config);
+    } else if (parsed.isSet(Option::Stream)) {
         config.bodyKind = BodyKind::Stream;
     }
 }
@@ -291,10 +298,10 @@ void readBody(const ParsedArguments& parsed, std::istream& standardInput, FetchC
 // As with curl: -d means POST, -T means PUT, -X overrides either.
 void readMethod(const ParsedArguments& parsed, FetchConfig& config)
 {
-    const HttpClient::HttpMethod implied = parsed.isSet("upload-file") ? HttpClient::Put
-        : config.bodyKind != BodyKind::None                            ? HttpClient::Post
-                                                                       : HttpClient::Get;
-    config.method = parsed.isSet("request") ? parseMethod(parsed.value("request")) : implied;
+    const HttpClient::HttpMethod implied = parsed.isSet(Option::UploadFile) ? HttpClient::Put
+        : config.bodyKind != BodyKind::None                                 ? HttpClient::Post
+                                                                            : HttpClient::Get;
+    config.method = parsed.isSet(Option::Request) ? parseMethod(parsed.value(Option::Request)) : implied;
     const bool readOnly = config.method == HttpClient::Get || config.method == HttpClient::Head;
     if (config.bodyKind == BodyKind::Data && readOnly) {
         fail("-d and -T need a method that sends a body: POST, PUT, DELETE or PATCH");
@@ -308,80 +315,81 @@ void readMethod(const ParsedArguments& parsed, FetchConfig& config)
 void readRequestOptions(const ParsedArguments& parsed, FetchConfig& config)
 {
     HttpClientOptions& options = config.options;
-    options.setHeaders(parseHeaders(
-        parsed.values("header"), parsed.isSet("user-agent") ? parsed.value("user-agent") : QString()));
-    if (parsed.isSet("max-time")) {
-        options.setTimeoutMs(parseSecondsAsMs(parsed, "max-time"));
+    options.setHeaders(parseHeaders(parsed.values(Option::Header),
+        parsed.isSet(Option::UserAgent) ? parsed.value(Option::UserAgent) : QString()));
+    if (parsed.isSet(Option::MaxTime)) {
+        options.setTimeoutMs(parseSecondsAsMs(parsed, Option::MaxTime));
     }
-    if (parsed.isSet("connect-timeout")) {
-        config.connectTimeoutMs = parseSecondsAsMs(parsed, "connect-timeout");
+    if (parsed.isSet(Option::ConnectTimeout)) {
+        config.connectTimeoutMs = parseSecondsAsMs(parsed, Option::ConnectTimeout);
     }
-    if (parsed.isSet("max-filesize")) {
+    if (parsed.isSet(Option::MaxFilesize)) {
         config.maxFilesize
-            = parseInteger(parsed, "max-filesize", 0, std::numeric_limits<std::int64_t>::max());
+            = parseInteger(parsed, Option::MaxFilesize, 0, std::numeric_limits<std::int64_t>::max());
     }
     // Like curl, redirects are followed only with -L, then up to 50 by default.
-    const int maxRedirects = parsed.isSet("max-redirs")
-        ? static_cast<int>(parseInteger(parsed, "max-redirs", -1, std::numeric_limits<int>::max()))
+    const int maxRedirects = parsed.isSet(Option::MaxRedirs)
+        ? static_cast<int>(parseInteger(parsed, Option::MaxRedirs, -1, std::numeric_limits<int>::max()))
         : 50;
-    options.setMaxRedirects(parsed.isSet("location") ? maxRedirects : 0);
+    options.setMaxRedirects(parsed.isSet(Option::Location) ? maxRedirects : 0);
     QSet<HttpClientOptions::HttpPostRedirFlags> postRedirects;
-    const QList<QPair<QString, HttpClientOptions::HttpPostRedirFlags>> flags
-        = { { "post301", HttpClientOptions::PostRedir301 }, { "post302", HttpClientOptions::PostRedir302 },
-              { "post303", HttpClientOptions::PostRedir303 } };
-    for (const auto& [name, flag] : flags) {
-        if (parsed.isSet(name)) {
+    const QList<QPair<Option, HttpClientOptions::HttpPostRedirFlags>> flags
+        = { { Option::Post301, HttpClientOptions::PostRedir301 },
+              { Option::Post302, HttpClientOptions::PostRedir302 },
+              { Option::Post303, HttpClientOptions::PostRedir303 } };
+    for (const auto& [option, flag] : flags) {
+        if (parsed.isSet(option)) {
             postRedirects.insert(flag);
         }
     }
     options.setPostRedirectFlags(postRedirects);
-    options.disableCompression(!parsed.isSet("compressed")); // curl asks for no encoding by default
-    options.setVerifyPeer(!parsed.isSet("insecure"));
+    options.disableCompression(!parsed.isSet(Option::Compressed)); // curl asks for no encoding by default
+    options.setVerifyPeer(!parsed.isSet(Option::Insecure));
 }
 
 void readOutputOptions(const ParsedArguments& parsed, FetchConfig& config)
 {
-    for (const auto& [name, value] : parsed.inOrder({ "output", "remote-name" })) {
-        config.outputs.append({ name == "remote-name", value });
+    for (const auto& [option, value] : parsed.inOrder({ Option::Output, Option::RemoteName })) {
+        config.outputs.append({ option == Option::RemoteName, value });
     }
-    config.remoteNameAll = parsed.isSet("remote-name-all");
-    config.outputDir = parsed.value("output-dir");
-    config.createDirs = parsed.isSet("create-dirs");
-    config.clobber = parsed.isSet("clobber");
-    config.saveErrors = parsed.isSet("save-errors");
-    if (parsed.isSet("report") || parsed.isSet("report-file")) {
-        const QString format = parsed.value("report");
+    config.remoteNameAll = parsed.isSet(Option::RemoteNameAll);
+    config.outputDir = parsed.value(Option::OutputDir);
+    config.createDirs = parsed.isSet(Option::CreateDirs);
+    config.clobber = parsed.isSet(Option::Clobber);
+    config.saveErrors = parsed.isSet(Option::SaveErrors);
+    if (parsed.isSet(Option::Report) || parsed.isSet(Option::ReportFile)) {
+        const QString format = parsed.value(Option::Report);
         if (format != "" && format != "text" && format != "json") {
             fail(QString("--report takes text or json, not '%1'").arg(format));
         }
         config.report = format == "json" ? ReportFormat::Json : ReportFormat::Text;
-        config.reportFile = parsed.value("report-file");
+        config.reportFile = parsed.value(Option::ReportFile);
     }
 }
 
 void readRunOptions(const ParsedArguments& parsed, FetchConfig& config)
 {
     const long long intMax = std::numeric_limits<int>::max();
-    config.version = parsed.isSet("http2") ? HttpClient::Http2 : HttpClient::Http1;
-    config.silent = parsed.isSet("silent");
-    config.showError = parsed.isSet("show-error");
-    config.failOnHttpError = parsed.isSet("fail");
-    config.verbose = parsed.isSet("verbose");
-    config.traceLibrary = parsed.isSet("trace-library");
-    config.parallel = parsed.isSet("parallel");
-    if (parsed.isSet("parallel-max")) {
-        config.parallelMax = static_cast<int>(parseInteger(parsed, "parallel-max", 1, intMax));
+    config.version = parsed.isSet(Option::Http2) ? HttpClient::Http2 : HttpClient::Http1;
+    config.silent = parsed.isSet(Option::Silent);
+    config.showError = parsed.isSet(Option::ShowError);
+    config.failOnHttpError = parsed.isSet(Option::Fail);
+    config.verbose = parsed.isSet(Option::Verbose);
+    config.traceLibrary = parsed.isSet(Option::TraceLibrary);
+    config.parallel = parsed.isSet(Option::Parallel);
+    if (parsed.isSet(Option::ParallelMax)) {
+        config.parallelMax = static_cast<int>(parseInteger(parsed, Option::ParallelMax, 1, intMax));
     }
-    if (parsed.isSet("cache-size")) {
-        config.cacheSize = static_cast<std::size_t>(parseInteger(parsed, "cache-size", 0, intMax));
+    if (parsed.isSet(Option::CacheSize)) {
+        config.cacheSize = static_cast<std::size_t>(parseInteger(parsed, Option::CacheSize, 0, intMax));
     }
-    if (parsed.isSet("repeat")) {
-        config.repeat = static_cast<int>(parseInteger(parsed, "repeat", 1, 1000000));
+    if (parsed.isSet(Option::Repeat)) {
+        config.repeat = static_cast<int>(parseInteger(parsed, Option::Repeat, 1, 1000000));
     }
-    if (parsed.isSet("cancel-after")) {
-        config.cancelAfterMs = static_cast<int>(parseInteger(parsed, "cancel-after", 1, intMax));
+    if (parsed.isSet(Option::CancelAfter)) {
+        config.cancelAfterMs = static_cast<int>(parseInteger(parsed, Option::CancelAfter, 1, intMax));
     }
-    config.push = parsed.isSet("push");
+    config.push = parsed.isSet(Option::Push);
     if (config.push && config.version != HttpClient::Http2) {
         fail("--push needs --http2: only HTTP/2 servers push");
     }
@@ -390,7 +398,7 @@ void readRunOptions(const ParsedArguments& parsed, FetchConfig& config)
 void readUrls(const ParsedArguments& parsed, FetchConfig& config)
 {
     config.urls = parsed.positional();
-    config.urlFile = parsed.value("url-file");
+    config.urlFile = parsed.value(Option::UrlFile);
     if (config.urls.isEmpty() && config.urlFile.isEmpty()) {
         fail("no URL given (use - or --url-file FILE to read URLs from a list)");
     }
@@ -399,7 +407,7 @@ void readUrls(const ParsedArguments& parsed, FetchConfig& config)
         fail("standard input holds one URL list: give - or --url-file - once");
     }
     if (standardInputUses == 1
-        && (config.bodyKind == BodyKind::Stream || parsed.values("data").contains("@-"))) {
+        && (config.bodyKind == BodyKind::Stream || parsed.values(Option::Data).contains("@-"))) {
         fail("standard input cannot hold both the URL list and the request body");
     }
     if (config.bodyKind == BodyKind::Stream
@@ -414,13 +422,13 @@ void readUrls(const ParsedArguments& parsed, FetchConfig& config)
 ParseOutcome parse(const QStringList& arguments, std::istream& standardInput)
 {
     const ParsedArguments parsed(arguments);
-    if (parsed.isSet("help")) {
+    if (parsed.isSet(Option::Help)) {
         return { Action::Help, std::nullopt, {} };
     }
-    if (parsed.isSet("version")) {
+    if (parsed.isSet(Option::Version)) {
         return { Action::Version, std::nullopt, {} };
     }
-    if (parsed.isSet("man")) {
+    if (parsed.isSet(Option::Man)) {
         return { Action::Manual, std::nullopt, {} };
     }
     FetchConfig config;

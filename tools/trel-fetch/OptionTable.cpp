@@ -1,6 +1,9 @@
 #include "OptionTable.h"
 
 #include <QStringList>
+#include <QtGlobal>
+
+#include <algorithm>
 
 namespace trelfetch {
 namespace {
@@ -64,76 +67,114 @@ QStringList wrapped(const QString& text, int width)
 const QList<OptionSpec>& optionTable()
 {
     static const QList<OptionSpec> table = {
-        { 'o', "output", ValueKind::Required, "FILE",
+        { Option::Output, 'o', "output", ValueKind::Required, "FILE",
             "Write the body of the next URL to FILE (one -o per URL, in order). An existing FILE is kept "
             "unless --clobber is given." },
-        { 'O', "remote-name", ValueKind::None, {},
+        { Option::RemoteName, 'O', "remote-name", ValueKind::None, {},
             "Save the body of the next URL under the last segment of its path." },
-        { {}, "remote-name-all", ValueKind::None, {},
+        { Option::RemoteNameAll, {}, "remote-name-all", ValueKind::None, {},
             "Save every body under the last segment of its URL's path, URLs from lists included." },
-        { {}, "output-dir", ValueKind::Required, "DIR", "Put the files of -o and -O in DIR." },
-        { {}, "create-dirs", ValueKind::None, {}, "Create the directories an output file needs." },
-        { {}, "clobber", ValueKind::None, {}, "Replace output files that already exist." },
-        { {}, "save-errors", ValueKind::None, {},
+        { Option::OutputDir, {}, "output-dir", ValueKind::Required, "DIR",
+            "Put the files of -o and -O in DIR." },
+        { Option::CreateDirs, {}, "create-dirs", ValueKind::None, {},
+            "Create the directories an output file needs." },
+        { Option::Clobber, {}, "clobber", ValueKind::None, {}, "Replace output files that already exist." },
+        { Option::SaveErrors, {}, "save-errors", ValueKind::None, {},
             "Also save bodies of failed requests (HTTP status 400 and above, or a transfer error); by "
             "default only successful bodies are kept." },
-        { {}, "max-filesize", ValueKind::Required, "BYTES",
+        { Option::MaxFilesize, {}, "max-filesize", ValueKind::Required, "BYTES",
             "Fail a body larger than BYTES (exit code 63); nothing truncated is kept. No limit by default." },
-        { {}, "report", ValueKind::Optional, "FORMAT",
+        { Option::Report, {}, "report", ValueKind::Optional, "FORMAT",
             "Write one line per result to standard error: FORMAT text (the default) or json (JSON Lines with "
             "the reason, headers, input index and timings), then a summary." },
-        { {}, "report-file", ValueKind::Required, "FILE", "Write the --report lines to FILE instead." },
-        { 'X', "request", ValueKind::Required, "METHOD",
+        { Option::ReportFile, {}, "report-file", ValueKind::Required, "FILE",
+            "Write the --report lines to FILE instead." },
+        { Option::Request, 'X', "request", ValueKind::Required, "METHOD",
             "Request method: GET, HEAD, POST, PUT, DELETE or PATCH." },
-        { 'H', "header", ValueKind::Required, "'NAME: VALUE'", "Add a request header (repeatable)." },
-        { 'd', "data", ValueKind::Required, "DATA",
+        { Option::Header, 'H', "header", ValueKind::Required, "'NAME: VALUE'",
+            "Add a request header (repeatable)." },
+        { Option::Data, 'd', "data", ValueKind::Required, "DATA",
             "Send DATA as the body (POST unless -X says otherwise); @FILE sends a file's contents, @- "
             "standard input. Several -d are joined with &." },
-        { 'F', "form", ValueKind::Required, "NAME=VALUE",
+        { Option::Form, 'F', "form", ValueKind::Required, "NAME=VALUE",
             "Add a multipart form field (repeatable; POST). NAME=@FILE uploads FILE with the library's file "
             "upload, as the only field." },
-        { 'T', "upload-file", ValueKind::Required, "FILE", "PUT the raw contents of FILE." },
-        { {}, "stream", ValueKind::None, {}, "POST standard input as it is read, with unknown length." },
-        { 'L', "location", ValueKind::None, {}, "Follow redirects." },
-        { {}, "max-redirs", ValueKind::Required, "N",
+        { Option::UploadFile, 'T', "upload-file", ValueKind::Required, "FILE",
+            "PUT the raw contents of FILE." },
+        { Option::Stream, {}, "stream", ValueKind::None, {},
+            "POST standard input as it is read, with unknown length." },
+        { Option::Location, 'L', "location", ValueKind::None, {}, "Follow redirects." },
+        { Option::MaxRedirs, {}, "max-redirs", ValueKind::Required, "N",
             "With -L, follow at most N redirects (default 50; -1 for no limit)." },
-        { {}, "post301", ValueKind::None, {}, "Keep POST after a 301 redirect." },
-        { {}, "post302", ValueKind::None, {}, "Keep POST after a 302 redirect." },
-        { {}, "post303", ValueKind::None, {}, "Keep POST after a 303 redirect." },
-        { 'k', "insecure", ValueKind::None, {}, "Do not verify the server's TLS certificate." },
-        { 'm', "max-time", ValueKind::Required, "SECONDS",
+        { Option::Post301, {}, "post301", ValueKind::None, {}, "Keep POST after a 301 redirect." },
+        { Option::Post302, {}, "post302", ValueKind::None, {}, "Keep POST after a 302 redirect." },
+        { Option::Post303, {}, "post303", ValueKind::None, {}, "Keep POST after a 303 redirect." },
+        { Option::Insecure, 'k', "insecure", ValueKind::None, {},
+            "Do not verify the server's TLS certificate." },
+        { Option::MaxTime, 'm', "max-time", ValueKind::Required, "SECONDS",
             "Give up on a request after SECONDS (fractions allowed)." },
-        { {}, "connect-timeout", ValueKind::Required, "SECONDS",
+        { Option::ConnectTimeout, {}, "connect-timeout", ValueKind::Required, "SECONDS",
             "Give up on a request that has heard nothing from its server after SECONDS (fractions "
             "allowed)." },
-        { 's', "silent", ValueKind::None, {}, "No progress line and no error messages." },
-        { 'S', "show-error", ValueKind::None, {}, "With -s, still print error messages." },
-        { 'f', "fail", ValueKind::None, {},
+        { Option::Silent, 's', "silent", ValueKind::None, {}, "No progress line and no error messages." },
+        { Option::ShowError, 'S', "show-error", ValueKind::None, {}, "With -s, still print error messages." },
+        { Option::Fail, 'f', "fail", ValueKind::None, {},
             "Treat HTTP status 400 and above as failure: no body output, exit code 22." },
-        { 'v', "verbose", ValueKind::None, {}, "Show request and response headers on standard error." },
-        { {}, "trace-library", ValueKind::None, {},
+        { Option::Verbose, 'v', "verbose", ValueKind::None, {},
+            "Show request and response headers on standard error." },
+        { Option::TraceLibrary, {}, "trace-library", ValueKind::None, {},
             "Write the library's own trace log (logger HttpClient) to standard error." },
-        { 'A', "user-agent", ValueKind::Required, "NAME", "Send User-Agent: NAME." },
-        { {}, "compressed", ValueKind::None, {}, "Ask for a compressed response and write it decoded." },
-        { {}, "http2", ValueKind::None, {},
+        { Option::UserAgent, 'A', "user-agent", ValueKind::Required, "NAME", "Send User-Agent: NAME." },
+        { Option::Compressed, {}, "compressed", ValueKind::None, {},
+            "Ask for a compressed response and write it decoded." },
+        { Option::Http2, {}, "http2", ValueKind::None, {},
             "Use HTTP/2: requests to one server share one multiplexed connection." },
-        { 'Z', "parallel", ValueKind::None, {}, "Run transfers in parallel instead of one after the other." },
-        { {}, "parallel-max", ValueKind::Required, "N",
+        { Option::Parallel, 'Z', "parallel", ValueKind::None, {},
+            "Run transfers in parallel instead of one after the other." },
+        { Option::ParallelMax, {}, "parallel-max", ValueKind::Required, "N",
             "With -Z, at most N transfers at once (default 50)." },
-        { {}, "url-file", ValueKind::Required, "FILE",
+        { Option::UrlFile, {}, "url-file", ValueKind::Required, "FILE",
             "Read URLs from FILE, one per line, each started as it is read (- is standard input)." },
-        { {}, "cache-size", ValueKind::Required, "BYTES",
+        { Option::CacheSize, {}, "cache-size", ValueKind::Required, "BYTES",
             "Keep up to BYTES of GET responses in the client's cache (bodies are then held whole)." },
-        { {}, "repeat", ValueKind::Required, "N", "Fetch the URL list N times, one round after the other." },
-        { {}, "cancel-after", ValueKind::Required, "MS",
+        { Option::Repeat, {}, "repeat", ValueKind::Required, "N",
+            "Fetch the URL list N times, one round after the other." },
+        { Option::CancelAfter, {}, "cancel-after", ValueKind::Required, "MS",
             "Cancel a request still running MS milliseconds after it started (exit code 42)." },
-        { {}, "push", ValueKind::None, {}, "Report HTTP/2 server-pushed responses (needs --http2)." },
-        { 'V', "version", ValueKind::None, {},
+        { Option::Push, {}, "push", ValueKind::None, {},
+            "Report HTTP/2 server-pushed responses (needs --http2)." },
+        { Option::Version, 'V', "version", ValueKind::None, {},
             "Show the versions of trel-fetch, the library, libcurl and Qt." },
-        { 'h', "help", ValueKind::None, {}, "Show this help." },
-        { {}, "man", ValueKind::None, {}, "Write the manual page (roff) to standard output." },
+        { Option::Help, 'h', "help", ValueKind::None, {}, "Show this help." },
+        { Option::Man, {}, "man", ValueKind::None, {}, "Write the manual page (roff) to standard output." },
     };
     return table;
+}
+
+const OptionSpec& optionEntry(Option option)
+{
+    const QList<OptionSpec>& table = optionTable();
+    const auto entry = std::find_if(table.cbegin(), table.cend(),
+        [option](const OptionSpec& candidate) { return candidate.option == option; });
+    if (entry == table.cend()) {
+        // A programming error that TrelFetchOptionTableTest catches; there is no entry to return.
+        qFatal("trel-fetch: option %d has no entry in the option table", static_cast<int>(option));
+    }
+    return *entry;
+}
+
+QList<Option> optionsNotListedOnce(const QList<OptionSpec>& table)
+{
+    QList<Option> wrong;
+    for (int index = 0; index <= static_cast<int>(Option::Count); ++index) {
+        const Option option = static_cast<Option>(index);
+        const auto listed = std::count_if(table.cbegin(), table.cend(),
+            [option](const OptionSpec& candidate) { return candidate.option == option; });
+        if (listed != (option == Option::Count ? 0 : 1)) {
+            wrong.append(option);
+        }
+    }
+    return wrong;
 }
 
 const QList<Example>& examples()

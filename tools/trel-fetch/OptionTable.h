@@ -17,8 +17,59 @@ enum class ValueKind
     Optional, // --name or --name=VALUE only
 };
 
+// Code names an option by its enumerator, never by its long name, so a
+// misspelling fails to compile instead of reading as "never given". Each one
+// has exactly one entry in optionTable(); optionsNotListedOnce() checks that.
+enum class Option
+{
+    Output,
+    RemoteName,
+    RemoteNameAll,
+    OutputDir,
+    CreateDirs,
+    Clobber,
+    SaveErrors,
+    MaxFilesize,
+    Report,
+    ReportFile,
+    Request,
+    Header,
+    Data,
+    Form,
+    UploadFile,
+    Stream,
+    Location,
+    MaxRedirs,
+    Post301,
+    Post302,
+    Post303,
+    Insecure,
+    MaxTime,
+    ConnectTimeout,
+    Silent,
+    ShowError,
+    Fail,
+    Verbose,
+    TraceLibrary,
+    UserAgent,
+    Compressed,
+    Http2,
+    Parallel,
+    ParallelMax,
+    UrlFile,
+    CacheSize,
+    Repeat,
+    CancelAfter,
+    Push,
+    Version,
+    Help,
+    Man,
+    Count, // not an option: the number of those above, so they can be counted
+};
+
 struct OptionSpec
 {
+    Option option;
     QChar shortName; // null when the option has no short form
     QString longName;
     ValueKind valueKind = ValueKind::None;
@@ -39,6 +90,12 @@ struct ExitCode
 };
 
 const QList<OptionSpec>& optionTable();
+// The entry of `option` in optionTable().
+const OptionSpec& optionEntry(Option option);
+// The enumerators that `table` does not hold exactly once (Option::Count if it
+// holds that at all), in enumerator order; empty for a table without gaps or
+// repeats.
+QList<Option> optionsNotListedOnce(const QList<OptionSpec>& table);
 const QList<Example>& examples();
 const QList<ExitCode>& exitCodes();
 
