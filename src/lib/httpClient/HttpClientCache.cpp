@@ -8,6 +8,7 @@
 #include <QStringList>
 
 #include <algorithm>
+#include <memory>
 
 namespace {
 const char* const kLogFile = "src/lib/httpClient/HttpClientCache";
@@ -82,8 +83,16 @@ bool HttpClientCache::tryCache(const TrelUrl& url, HttpClientStatus status, int 
     }
     TREL_DEBUG("Inserting into cache " << trel::log::RedactedUrl { url });
     // A body larger than the whole budget is still stored, pushing out every other entry.
-    const int cost = std::min(body.size(), entries.maxCost());
-    entries.insert(url.cachePath(), new HttpClientCacheEntry(status, code, headers, body), cost);
+    const int cost = static_cast<int>(std::min<qint64>(body.size(), entries.maxCost()));
+    // The stored response for this URL goes first: Qt 6's QCache makes room for
+    // the newcomer before it drops the entry being replaced, and would push out
+    // other entries that the replacement leaves room for (Qt 5 dropped first).
+    // The replacement exists before the stored one is deleted, as with Qt 5's
+    // insert: an address kept from the old entry never names the new one.
+    auto replacement = std::make_unique<HttpClientCacheEntry>(status, code, headers, body);
+    const QByteArray key = url.cachePath();
+    entries.remove(key);
+    entries.insert(key, replacement.release(), cost); // QCache owns it from here
     return true;
 }
 

@@ -12,6 +12,16 @@ const log4cplus::Logger logger = trel::log::libraryLogger();
 // Most spare easy handles kept for reuse: enough for hundreds of requests in
 // flight, while a burst of thousands does not keep its handles afterwards.
 constexpr std::size_t kMaxSpareHandles = 256;
+
+// QSocketNotifier::activated() carries a QSocketDescriptor from Qt 5.15 on (the
+// int form is deprecated there and kept in Qt 6 only for old string connects);
+// the client's notifier slots take the socket as an int, so they are reached
+// through this one connection, checked by the compiler in both.
+void connectActivated(QSocketNotifier* notifier, HttpClient* client, void (HttpClient::*slot)(int))
+{
+    QObject::connect(notifier, &QSocketNotifier::activated, client,
+        [client, slot](QSocketDescriptor socket) { (client->*slot)(static_cast<int>(socket)); });
+}
 } // namespace
 
 // ---------------------------------------------------------------------------
@@ -65,8 +75,7 @@ void HttpClient::listenSocket(curl_socket_t socket, bool in, bool out)
             TREL_TRACE("in, creating new");
             const auto notifier = makeNotifier(socket, QSocketNotifier::Read);
             readNotifiers.insert(socket, notifier);
-            connectVerified(notifier.data(), SIGNAL(activated(int)), SLOT(on_readNotifier_activated(int)),
-                Qt::AutoConnection);
+            connectActivated(notifier.data(), this, &HttpClient::on_readNotifier_activated);
         }
     }
     if (out) {
@@ -82,8 +91,7 @@ void HttpClient::listenSocket(curl_socket_t socket, bool in, bool out)
         TREL_TRACE("out, creating new");
         const auto notifier = makeNotifier(socket, QSocketNotifier::Write);
         writeNotifiers.insert(socket, notifier);
-        connectVerified(notifier.data(), SIGNAL(activated(int)), SLOT(on_writeNotifier_activated(int)),
-            Qt::AutoConnection);
+        connectActivated(notifier.data(), this, &HttpClient::on_writeNotifier_activated);
     }
 }
 

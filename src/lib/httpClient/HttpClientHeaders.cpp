@@ -150,7 +150,7 @@ HttpClientHeaders::HttpClientHeaders(const QByteArray& rawBlock)
         const QString decoded = QString::fromUtf8(line, length);
         const int colon = decoded.indexOf(QLatin1Char(':'));
         if (colon >= 1) { // skips status lines, blank lines, lines starting with a colon
-            insert(decoded.left(colon), decoded.midRef(colon + 1).trimmed().toString());
+            insert(decoded.left(colon), QStringView(decoded).mid(colon + 1).trimmed().toString());
         }
     }
 }
