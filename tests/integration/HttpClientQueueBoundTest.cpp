@@ -170,7 +170,7 @@ public:
                 if (take == 0) {
                     break;
                 }
-                hash.addData(input.constData() + position, take);
+                hash.addData(QByteArray::fromRawData(input.constData() + position, take));
                 position += take;
                 remaining -= take;
                 total += take;
@@ -467,7 +467,7 @@ public:
     {
         QCryptographicHash hash(QCryptographicHash::Sha256);
         for (qint64 index = 0; index * kChunkBytes < total; ++index) {
-            hash.addData(block.constData() + offset(index), kChunkBytes);
+            hash.addData(QByteArray::fromRawData(block.constData() + offset(index), kChunkBytes));
         }
         return hash.result().toHex();
     }

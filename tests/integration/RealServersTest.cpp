@@ -329,7 +329,7 @@ struct PieceReader
 {
     QCryptographicHash hash { QCryptographicHash::Sha256 };
     qint64 bytes = 0;
-    int largestPiece = 0;
+    qint64 largestPiece = 0;
     int pieces = 0;
     long peakResidentKb = 0;
     bool finished = false;
@@ -341,7 +341,7 @@ struct PieceReader
         return [this](const HttpClientResult& result) {
             hash.addData(result.body);
             bytes += result.body.size();
-            largestPiece = std::max(largestPiece, result.body.size());
+            largestPiece = std::max<qint64>(largestPiece, result.body.size());
             ++pieces;
             peakResidentKb = std::max(peakResidentKb, residentKilobytes());
             if (result.status != HttpClientStatus::ImmediateRead) {

@@ -443,7 +443,8 @@ private:
         bool cancelled = false; // cancel() answered true
         Kind kind = Kind::Plain;
         CancelPlan plan = CancelPlan::None;
-        uint checksum = 0;
+        // qHash gives a uint in Qt 5 and a size_t in Qt 6.
+        decltype(qHash(QByteArray())) checksum = 0;
         int length = 0;
     };
     struct ClientSlot

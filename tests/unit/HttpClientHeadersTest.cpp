@@ -2,7 +2,9 @@
 
 #include <gtest/gtest.h>
 
-#include <QTextCodec>
+#include "QtCompat.h"
+
+#include <QIODevice>
 #include <QTextStream>
 
 #include <sstream>
@@ -147,10 +149,11 @@ TEST(HttpClientHeaders, IncompleteUtf8SequenceAtTheEndIsReplacedNotDropped)
 
 TEST(HttpClientHeaders, BytesDecodeAsUtf8WhateverTheLocaleCodec)
 {
-    QTextCodec* const previous = QTextCodec::codecForLocale();
-    QTextCodec::setCodecForLocale(QTextCodec::codecForName("ISO-8859-1"));
+    const trel::test::ScopedLocaleCodec latin1("ISO-8859-1");
+    if (!latin1.isSet()) {
+        GTEST_SKIP() << "this Qt has no locale codec to set: local 8-bit text is UTF-8 whatever the locale";
+    }
     const HttpClientHeaders headers(QByteArray("X-Utf8: caf\xc3\xa9\r\n"));
-    QTextCodec::setCodecForLocale(previous);
     EXPECT_EQ(headers.value("X-Utf8", QString()), QString::fromUtf8("caf\xc3\xa9"));
 }
 

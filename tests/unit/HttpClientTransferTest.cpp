@@ -8,6 +8,7 @@
 
 #include "CurlOptionRecorder.h"
 #include "LogCapture.h"
+#include "QtCompat.h"
 #include "WaitFor.h"
 
 #include <gtest/gtest.h>
@@ -407,8 +408,8 @@ TEST(HttpClientTransferBodies, FormsIncludingAnEmptyOneAttachAMimeBody)
     EXPECT_TRUE(Access::hasMime(*transfer));
     EXPECT_TRUE(isSet(*transfer, CURLOPT_MIMEPOST));
     EXPECT_TRUE(capture.contains(log4cplus::TRACE_LOG_LEVEL,
-        "Enter bool HttpClientTransfer::setDataToUpload(const QList<QPair<QString, "
-        "QString> >&): Form size: 0"));
+        std::string("Enter bool HttpClientTransfer::setDataToUpload(const ")
+            + trel::test::kStringPairListSpelling + "&): Form size: 0"));
 }
 
 TEST(HttpClientTransferBodies, StreamIsSentWithUnknownLength)

@@ -2,6 +2,8 @@
 
 #include <gtest/gtest.h>
 
+#include "QtCompat.h"
+
 #include <QMetaType>
 
 #include <sstream>
@@ -78,7 +80,7 @@ TEST(TrelUrl, QueryGivenBackEncodedKeepsTheEncodedForm)
 
 TEST(TrelUrl, RegisteredUnderItsNameAtLoadTime)
 {
-    EXPECT_EQ(QMetaType::type("TrelUrl"), qMetaTypeId<TrelUrl>());
+    EXPECT_EQ(trel::test::metaTypeIdByName("TrelUrl"), qMetaTypeId<TrelUrl>());
 }
 
 } // namespace
