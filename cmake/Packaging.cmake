@@ -1,9 +1,11 @@
 # Debian packages made with `cpack -G DEB` from a build tree: the two libraries
 # (runtime), headers with the CMake and pkg-config files and the API reference
-# (dev), and trel-fetch. The libraries sit in the multiarch directory
-# (CMAKE_INSTALL_LIBDIR, see the top-level CMakeLists.txt).
+# (dev), and trel-fetch (from the Qt 5 build only). The libraries sit in the
+# multiarch directory (CMAKE_INSTALL_LIBDIR, see the top-level CMakeLists.txt).
+# The Qt 6 build's packages carry "-qt6" in their names and own no path that
+# the Qt 5 build's own, so both sets install together.
 set(CPACK_GENERATOR DEB)
-set(CPACK_PACKAGE_NAME trel-http-client)
+set(CPACK_PACKAGE_NAME trel-http-client${TREL_QT_DEBIAN_SUFFIX})
 set(CPACK_PACKAGE_VERSION ${PROJECT_VERSION})
 # No CPACK_PACKAGE_DESCRIPTION_SUMMARY: CPack would put that one line first in
 # all three descriptions, and each package has a first line of its own below.
@@ -11,7 +13,10 @@ set(CPACK_PACKAGE_CONTACT "trel_http_client developers <maintainers@trel.invalid
 set(CPACK_RESOURCE_FILE_LICENSE ${PROJECT_SOURCE_DIR}/LICENSE)
 set(CPACK_PACKAGING_INSTALL_PREFIX /usr)
 set(CPACK_DEB_COMPONENT_INSTALL ON)
-set(CPACK_COMPONENTS_ALL runtime dev fetch)
+set(CPACK_COMPONENTS_ALL runtime dev)
+if(TREL_INSTALL_FETCH)
+  list(APPEND CPACK_COMPONENTS_ALL fetch)
+endif()
 set(CPACK_DEBIAN_FILE_NAME DEB-DEFAULT)
 set(CPACK_DEBIAN_PACKAGE_SECTION libs)
 
@@ -29,9 +34,19 @@ set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS_PRIVATE_DIRS
 set(CPACK_DEBIAN_PACKAGE_GENERATE_SHLIBS ON)
 set(CPACK_DEBIAN_PACKAGE_GENERATE_SHLIBS_POLICY ">=")
 
-set(_trel_runtime_package "libtrel-http-client${PROJECT_VERSION_MAJOR}")
+# Debian's rule: a library name ending in a digit takes a hyphen before its
+# major version (libtrel-http-client1, libtrel-http-client-qt6-1).
+if(TREL_QT_DEBIAN_SUFFIX)
+  set(_trel_runtime_package "libtrel-http-client${TREL_QT_DEBIAN_SUFFIX}-${PROJECT_VERSION_MAJOR}")
+else()
+  set(_trel_runtime_package "libtrel-http-client${PROJECT_VERSION_MAJOR}")
+endif()
+set(_trel_component_packages runtime:${_trel_runtime_package} dev:${TREL_DEV_PACKAGE})
+if(TREL_INSTALL_FETCH)
+  list(APPEND _trel_component_packages fetch:trel-fetch)
+endif()
 # Each package carries the licence as its copyright file, under its own name.
-foreach(component_package runtime:${_trel_runtime_package} dev:${TREL_DEV_PACKAGE} fetch:trel-fetch)
+foreach(component_package ${_trel_component_packages})
   string(REPLACE ":" ";" _trel_pair ${component_package})
   list(GET _trel_pair 0 _trel_component)
   list(GET _trel_pair 1 _trel_package)
@@ -43,7 +58,7 @@ endforeach()
 
 # The text every description ends with: what the library is.
 string(CONCAT _trel_about
-  "libtrel_http_client runs libcurl's multi interface on a Qt 5 event loop.\n"
+  "libtrel_http_client runs libcurl's multi interface on a Qt ${TREL_QT_MAJOR} event loop.\n"
   "Every request returns at once with an id, and exactly one result arrives\n"
   "later through a queued slot or a callback: HTTP/1.1 and HTTP/2 with server\n"
   "push, forms, file uploads, bodies streamed from other threads, and a small\n"
@@ -52,11 +67,11 @@ string(CONCAT _trel_about
 set(_trel_exact "(= ${PROJECT_VERSION})")
 set(CPACK_DEBIAN_RUNTIME_PACKAGE_NAME ${_trel_runtime_package})
 string(CONCAT CPACK_DEBIAN_RUNTIME_DESCRIPTION
-  "asynchronous HTTP client for Qt 5 event loops (shared libraries)\n"
+  "asynchronous HTTP client for Qt ${TREL_QT_MAJOR} event loops (shared libraries)\n"
   "${_trel_about}\n"
   "\n"
-  "This package holds the shared libraries: libtrel_http_client.so and\n"
-  "libtrel_api.so, the platform library with the URL type.")
+  "This package holds the shared libraries: libtrel_http_client${TREL_QT_SUFFIX}.so and\n"
+  "libtrel_api${TREL_QT_SUFFIX}.so, the platform library with the URL type.")
 # libcurl 7.88 crashes on HTTP/2 server push: 8.0 is the oldest that works,
 # newer than what the symbols alone ask for.
 set(CPACK_DEBIAN_RUNTIME_PACKAGE_DEPENDS "libcurl4 (>= 8.0)")
@@ -64,16 +79,16 @@ set(CPACK_DEBIAN_RUNTIME_PACKAGE_DEPENDS "libcurl4 (>= 8.0)")
 set(CPACK_DEBIAN_DEV_PACKAGE_NAME ${TREL_DEV_PACKAGE})
 set(CPACK_DEBIAN_DEV_PACKAGE_SECTION libdevel)
 string(CONCAT CPACK_DEBIAN_DEV_DESCRIPTION
-  "asynchronous HTTP client for Qt 5 event loops (development files)\n"
+  "asynchronous HTTP client for Qt ${TREL_QT_MAJOR} event loops (development files)\n"
   "${_trel_about}\n"
   "\n"
-  "This package holds the headers, the CMake package TrelHttpClient, the\n"
-  "pkg-config file trel_http_client and the API reference in HTML.")
+  "This package holds the headers, the CMake package ${TREL_PACKAGE_NAME}, the\n"
+  "pkg-config file ${TREL_PC_NAME} and the API reference in HTML.")
 # What the CMake package and the pkg-config file need: the public headers use
 # Qt Core and libcurl types, and the .pc file names log4cplus among its private
 # requirements, which pkg-config resolves even for --cflags.
 set(CPACK_DEBIAN_DEV_PACKAGE_DEPENDS
-  "${_trel_runtime_package} ${_trel_exact}, qtbase5-dev (>= 5.11), libcurl4-openssl-dev (>= 8.0) | libcurl-dev (>= 8.0), liblog4cplus-dev")
+  "${_trel_runtime_package} ${_trel_exact}, ${TREL_QT_DEBIAN_DEV} (>= ${TREL_QT_MINIMUM}), libcurl4-openssl-dev (>= 8.0) | libcurl-dev (>= 8.0), liblog4cplus-dev")
 
 set(CPACK_DEBIAN_FETCH_PACKAGE_NAME trel-fetch)
 set(CPACK_DEBIAN_FETCH_PACKAGE_SECTION web)
