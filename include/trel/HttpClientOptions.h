@@ -24,9 +24,9 @@
 /// TLS trust is libcurl's built-in CA bundle and CA directory, the ones libcurl
 /// was built with (`curl-config --ca`; on Debian
 /// `/etc/ssl/certs/ca-certificates.crt` and `/etc/ssl/certs`, both kept by
-/// `update-ca-certificates`). No option names another bundle, and the
-/// environment variables `SSL_CERT_FILE`, `SSL_CERT_DIR` and `CURL_CA_BUNDLE`
-/// change nothing; setVerifyPeer(false) turns verification off.
+/// `update-ca-certificates`), unless setCaFile() or setCaPath() names others.
+/// The environment variables `SSL_CERT_FILE`, `SSL_CERT_DIR` and
+/// `CURL_CA_BUNDLE` change nothing; setVerifyPeer(false) turns verification off.
 class TREL_HTTP_CLIENT_EXPORT HttpClientOptions
 {
 public:
@@ -116,6 +116,40 @@ public:
     /// Whether the server's TLS certificate is verified.
     bool verifyPeer() const;
 
+    /// Trusts the certificates in the PEM file \p path instead of libcurl's
+    /// built-in bundle (a private CA, say). Empty (the default) keeps the
+    /// built-in one. A file that cannot be read ends the request with
+    /// HttpClientStatus::Error (libcurl's code 77).
+    void setCaFile(const QString& path);
+    /// The PEM file of trusted certificates; empty for libcurl's default.
+    QString caFile() const;
+
+    /// Trusts the certificates in \p directory, which holds PEM files under
+    /// their hashed names (as `openssl rehash` or `update-ca-certificates`
+    /// leave them), instead of libcurl's built-in directory. Empty (the
+    /// default) keeps the built-in one.
+    void setCaPath(const QString& directory);
+    /// The directory of trusted certificates; empty for libcurl's default.
+    QString caPath() const;
+
+    /// Presents the client certificate in the PEM file \p certificateFile,
+    /// with its private key from the PEM file \p keyFile (unencrypted), to a
+    /// server that asks for one (mutual TLS). Empty names (the default) present
+    /// none; an empty \p keyFile looks for the key in \p certificateFile.
+    void setClientCertificate(const QString& certificateFile, const QString& keyFile);
+    /// The client certificate's PEM file; empty unless set.
+    QString clientCertificateFile() const;
+    /// The client certificate's key file; empty unless set.
+    QString clientKeyFile() const;
+
+    /// Limits connecting (resolving, the TCP handshake and the TLS handshake)
+    /// to \p connectTimeoutMs milliseconds; a request that cannot connect in
+    /// time ends with HttpClientStatus::Timeout. Below 1 means libcurl's
+    /// default of 300 seconds (the default, -1).
+    void setConnectTimeoutMs(int connectTimeoutMs);
+    /// The limit for connecting in milliseconds; below 1 means libcurl's default.
+    int connectTimeoutMs() const;
+
     /// Extra request header fields, sent as given; a field libcurl would send
     /// itself is replaced by one of the same name. An `Authorization` or
     /// `Cookie` field keeps a GET out of the response cache in both directions.
@@ -140,6 +174,11 @@ private:
     bool redirectAuth_ = false;
     bool disableCompression_ = false;
     bool verifyPeer_ = true;
+    QString caFile_;
+    QString caPath_;
+    QString clientCertificateFile_;
+    QString clientKeyFile_;
+    int connectTimeoutMs_ = -1;
     QSet<HttpPostRedirFlags> postRedirectFlags_;
 };
 

@@ -243,6 +243,7 @@ private:
     void endUploadStream();
     void resumeReception();
     void configure(int httpVersion);
+    void configureTlsTrust();
     void installReceiveCallbacks();
     void reportCompletion(
         HttpClientStatus status, long code, const QByteArray& body, const HttpClientHeaders& headers);

@@ -137,6 +137,62 @@ bool TestCertificate::create(const QString& directory, TestCertificate& out)
 
 namespace {
 
+// Runs openssl with `arguments`; on failure, what it printed.
+bool runOpenssl(const QStringList& arguments, QString& error)
+{
+    QProcess openssl;
+    openssl.setProcessChannelMode(QProcess::MergedChannels);
+    openssl.start(QStringLiteral("openssl"), arguments);
+    if (openssl.waitForFinished(30000) && openssl.exitCode() == 0) {
+        return true;
+    }
+    error = QStringLiteral("openssl ") + arguments.join(' ') + QStringLiteral(": ")
+        + QString::fromLocal8Bit(openssl.readAll());
+    return false;
+}
+
+} // namespace
+
+bool TestCertificateAuthority::create(const QString& inDirectory, const QString& name)
+{
+    directory = inDirectory;
+    certificate.keyPath = directory + QStringLiteral("/ca.key");
+    certificate.certificatePath = directory + QStringLiteral("/ca.pem");
+    return runOpenssl(
+        { "req", "-x509", "-newkey", "rsa:2048", "-nodes", "-days", "2", "-subj", "/CN=" + name, "-addext",
+            "basicConstraints=critical,CA:TRUE", "-addext", "keyUsage=critical,keyCertSign,cRLSign",
+            "-keyout", certificate.keyPath, "-out", certificate.certificatePath },
+        lastError);
+}
+
+bool TestCertificateAuthority::issueServer(const QString& fileStem, TestCertificate& out) const
+{
+    return issue(fileStem, QStringLiteral("localhost"),
+        { "subjectAltName=DNS:localhost,IP:127.0.0.1", "extendedKeyUsage=serverAuth" }, out);
+}
+
+bool TestCertificateAuthority::issueClient(const QString& fileStem, TestCertificate& out) const
+{
+    return issue(fileStem, QStringLiteral("trel-test-client"), { "extendedKeyUsage=clientAuth" }, out);
+}
+
+bool TestCertificateAuthority::issue(const QString& fileStem, const QString& commonName,
+    const QStringList& extensions, TestCertificate& out) const
+{
+    out.keyPath = directory + '/' + fileStem + QStringLiteral(".key");
+    out.certificatePath = directory + '/' + fileStem + QStringLiteral(".pem");
+    QStringList arguments { "req", "-x509", "-newkey", "rsa:2048", "-nodes", "-days", "2", "-subj",
+        "/CN=" + commonName, "-CA", certificate.certificatePath, "-CAkey", certificate.keyPath, "-addext",
+        "basicConstraints=CA:FALSE" };
+    for (const QString& extension : extensions) {
+        arguments << QStringLiteral("-addext") << extension;
+    }
+    arguments << QStringLiteral("-keyout") << out.keyPath << QStringLiteral("-out") << out.certificatePath;
+    return runOpenssl(arguments, lastError);
+}
+
+namespace {
+
 bool writeFileAt(const QString& path, const QByteArray& content)
 {
     QDir().mkpath(QFileInfo(path).absolutePath());
@@ -168,19 +224,24 @@ bool NginxServer::writeConfig(const Options& options)
     const QString dir = prefix->path();
     QString tls;
     if (options.http2Tls) {
-        TestCertificate certificate;
-        if (!TestCertificate::create(dir, certificate)) {
+        TestCertificate certificate = options.tlsCertificate;
+        if (certificate.certificatePath.isEmpty() && !TestCertificate::create(dir, certificate)) {
             lastError = QStringLiteral("openssl could not make a certificate");
             return false;
         }
+        const QString clientCheck = options.clientCaPath.isEmpty()
+            ? QString()
+            : QStringLiteral("        ssl_verify_client on;\n        ssl_client_certificate %1;\n")
+                  .arg(options.clientCaPath);
         tls = QStringLiteral("    server {\n"
                              "        listen 127.0.0.1:%1 ssl http2;\n"
                              "        ssl_certificate %2;\n"
                              "        ssl_certificate_key %3;\n"
+                             "%5"
                              "        include %4/locations.conf;\n"
                              "    }\n")
                   .arg(securePort)
-                  .arg(certificate.certificatePath, certificate.keyPath, dir);
+                  .arg(certificate.certificatePath, certificate.keyPath, dir, clientCheck);
     }
     const QString echo = options.backendPort
         ? QStringLiteral("location /echo { proxy_pass http://127.0.0.1:%1; proxy_http_version 1.1; "

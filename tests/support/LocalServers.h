@@ -65,6 +65,26 @@ struct TestCertificate
     static bool create(const QString& directory, TestCertificate& out);
 };
 
+// A private certificate authority made with openssl in a directory of the
+// caller's, and the certificates it signs: for localhost and 127.0.0.1 (a
+// server's), or for a client.
+class TestCertificateAuthority
+{
+public:
+    bool create(const QString& directory, const QString& name);
+    bool issueServer(const QString& fileStem, TestCertificate& out) const;
+    bool issueClient(const QString& fileStem, TestCertificate& out) const;
+    QString certificatePath() const { return certificate.certificatePath; }
+    QString error() const { return lastError; }
+
+private:
+    bool issue(const QString& fileStem, const QString& commonName, const QStringList& extensions,
+        TestCertificate& out) const;
+    QString directory;
+    TestCertificate certificate;
+    mutable QString lastError;
+};
+
 class NginxServer
 {
 public:
@@ -72,6 +92,10 @@ public:
     {
         quint16 backendPort = 0; // when set, /echo is proxied to 127.0.0.1:backendPort
         bool http2Tls = false; // also listen with TLS and HTTP/2 on tlsPort()
+        // With http2Tls: the server's certificate (a self-signed one when empty),
+        // and the CA whose client certificates it demands (none when empty).
+        TestCertificate tlsCertificate;
+        QString clientCaPath;
         int workers = 1;
         bool accessLog = true; // benchmarks turn it off
         int workerConnections = 4096; // per worker; a small value shows what a client opens at once

@@ -87,6 +87,52 @@ bool HttpClientOptions::verifyPeer() const
     return verifyPeer_;
 }
 
+void HttpClientOptions::setCaFile(const QString& path)
+{
+    caFile_ = path;
+}
+
+QString HttpClientOptions::caFile() const
+{
+    return caFile_;
+}
+
+void HttpClientOptions::setCaPath(const QString& directory)
+{
+    caPath_ = directory;
+}
+
+QString HttpClientOptions::caPath() const
+{
+    return caPath_;
+}
+
+void HttpClientOptions::setClientCertificate(const QString& certificateFile, const QString& keyFile)
+{
+    clientCertificateFile_ = certificateFile;
+    clientKeyFile_ = keyFile;
+}
+
+QString HttpClientOptions::clientCertificateFile() const
+{
+    return clientCertificateFile_;
+}
+
+QString HttpClientOptions::clientKeyFile() const
+{
+    return clientKeyFile_;
+}
+
+void HttpClientOptions::setConnectTimeoutMs(int connectTimeoutMs)
+{
+    connectTimeoutMs_ = connectTimeoutMs;
+}
+
+int HttpClientOptions::connectTimeoutMs() const
+{
+    return connectTimeoutMs_;
+}
+
 void HttpClientOptions::setHeaders(const HttpClientHeaders& headers)
 {
     headers_ = headers;

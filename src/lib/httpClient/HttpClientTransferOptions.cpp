@@ -7,6 +7,8 @@
 
 #include "Log.h"
 
+#include <QFile>
+
 namespace {
 const char* const kLogFile = "src/lib/httpClient/HttpClientTransfer";
 const log4cplus::Logger logger = trel::log::libraryLogger();
@@ -68,6 +70,7 @@ void HttpClientTransfer::configure(int httpVersion)
         curl_easy_setopt(handle, CURLOPT_HTTPAUTH, CURLAUTH_ANY);
         curl_easy_setopt(handle, CURLOPT_SSL_VERIFYPEER, 0L);
     }
+    configureTlsTrust();
     if (!options.isDisabledCompression()) {
         curl_easy_setopt(handle, CURLOPT_ACCEPT_ENCODING, ""); // every encoding libcurl has
     }
@@ -101,6 +104,9 @@ void HttpClientTransfer::configure(int httpVersion)
 
     if (options.timeoutMs() > 0) {
         curl_easy_setopt(handle, CURLOPT_TIMEOUT_MS, static_cast<long>(options.timeoutMs()));
+    }
+    if (options.connectTimeoutMs() > 0) {
+        curl_easy_setopt(handle, CURLOPT_CONNECTTIMEOUT_MS, static_cast<long>(options.connectTimeoutMs()));
     }
 
     switch (method) {
@@ -137,4 +143,21 @@ void HttpClientTransfer::installReceiveCallbacks()
     curl_easy_setopt(handle, CURLOPT_HEADERFUNCTION, &HttpClientTransfer::curlWriteHeader);
     curl_easy_setopt(handle, CURLOPT_HEADERDATA, &receiveBuffer);
     curl_easy_setopt(handle, CURLOPT_WRITEDATA, &receiveBuffer);
+}
+
+// libcurl copies each path, and keeps connections made under other trust
+// settings apart: a connection verified against one CA is never reused for a
+// request that names another.
+void HttpClientTransfer::configureTlsTrust()
+{
+    CURL* const handle = easy.get();
+    const auto setPath = [handle](CURLoption option, const QString& path) {
+        if (!path.isEmpty()) {
+            curl_easy_setopt(handle, option, QFile::encodeName(path).constData());
+        }
+    };
+    setPath(CURLOPT_CAINFO, options.caFile());
+    setPath(CURLOPT_CAPATH, options.caPath());
+    setPath(CURLOPT_SSLCERT, options.clientCertificateFile());
+    setPath(CURLOPT_SSLKEY, options.clientKeyFile());
 }
