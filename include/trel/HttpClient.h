@@ -383,6 +383,43 @@ public:
     /// \return the request id, as the callback form above.
     void* patch(const TrelUrl& url, const QByteArray& data, const HttpClientOptions& options,
         QObject* context, Callback callback);
+    /// Starts a request with the method \p verb (any HTTP token: WebDAV's
+    /// PROPFIND or MKCOL, say) and \p data as its body; see the class
+    /// description for ids and results. The body is sent whole, as with put(),
+    /// and the response is never cached; a redirect keeps the verb. `HEAD` is
+    /// sent as head() sends it, without the body.
+    /// \param verb the method, sent as given (case included); one that is not
+    ///        an HTTP token (empty, or with a space, a control character or a
+    ///        separator) is refused with an ERROR log line.
+    /// \param url an `http` or `https` URL, copied.
+    /// \param data the request body, copied; an empty body is still sent as one.
+    /// \param receiver receives the result through \p slot, on its own thread;
+    ///        not owned, watched (see the class description).
+    /// \param slot the bare name of the receiver's six-argument slot, such as "onResult".
+    /// \param options the request's settings, copied.
+    /// \return the request id; null when refused (no result follows).
+    void* sendCustomRequest(const QByteArray& verb, const TrelUrl& url, const QByteArray& data,
+        QObject* receiver, const char* slot, const HttpClientOptions& options);
+    /// The callback form of sendCustomRequest() above.
+    /// \param verb as in the slot form above.
+    /// \param url an `http` or `https` URL, copied.
+    /// \param data the request body, copied; an empty body is still sent as one.
+    /// \param options the request's settings, copied.
+    /// \param callback receives the result on the client's thread.
+    /// \return the request id; null when refused (no result follows).
+    void* sendCustomRequest(const QByteArray& verb, const TrelUrl& url, const QByteArray& data,
+        const HttpClientOptions& options, Callback callback);
+    /// The callback form of sendCustomRequest() above, tied to \p context: the
+    /// callback is dropped if \p context is destroyed before the result is delivered.
+    /// \param verb as in the slot form above.
+    /// \param url an `http` or `https` URL, copied.
+    /// \param data as in the callback form above.
+    /// \param options the request's settings, copied.
+    /// \param context guards the callback; not owned, watched; null guards nothing.
+    /// \param callback receives the result on the client's thread.
+    /// \return the request id, as the callback form above.
+    void* sendCustomRequest(const QByteArray& verb, const TrelUrl& url, const QByteArray& data,
+        const HttpClientOptions& options, QObject* context, Callback callback);
     /// Starts a POST request whose body is streamed from \p queue; see the class
     /// description for ids and results.
     ///
@@ -442,6 +479,35 @@ public:
     /// \param callback receives the result on the client's thread.
     /// \return the request id, as the callback form above.
     void* postStream(const TrelUrl& url, QSharedPointer<HttpClientQueue> queue,
+        const HttpClientOptions& options, QObject* context, Callback callback);
+    /// Starts a PUT request whose body is streamed from \p queue: everything
+    /// postStream() says holds, with PUT as the method.
+    /// \param url an `http` or `https` URL, copied.
+    /// \param queue the body's source; shared with the producers, kept until the request ends.
+    /// \param receiver receives the result through \p slot, on its own thread;
+    ///        not owned, watched (see the class description).
+    /// \param slot the bare name of the receiver's six-argument slot, such as "onResult".
+    /// \param options the request's settings, copied.
+    /// \return the request id; null when refused (no result follows).
+    void* putStream(const TrelUrl& url, const QSharedPointer<HttpClientQueue>& queue, QObject* receiver,
+        const char* slot, const HttpClientOptions& options);
+    /// The callback form of putStream() above.
+    /// \param url an `http` or `https` URL, copied.
+    /// \param queue the body's source; shared with the producers, kept until the request ends.
+    /// \param options the request's settings, copied.
+    /// \param callback receives the result on the client's thread.
+    /// \return the request id; null when refused (no result follows).
+    void* putStream(const TrelUrl& url, const QSharedPointer<HttpClientQueue>& queue,
+        const HttpClientOptions& options, Callback callback);
+    /// The callback form of putStream() above, tied to \p context: the callback
+    /// is dropped if \p context is destroyed before the result is delivered.
+    /// \param url an `http` or `https` URL, copied.
+    /// \param queue as in the callback form above.
+    /// \param options the request's settings, copied.
+    /// \param context guards the callback; not owned, watched; null guards nothing.
+    /// \param callback receives the result on the client's thread.
+    /// \return the request id, as the callback form above.
+    void* putStream(const TrelUrl& url, const QSharedPointer<HttpClientQueue>& queue,
         const HttpClientOptions& options, QObject* context, Callback callback);
     /// Starts a POST request whose body is a `multipart/form-data` form; see the
     /// class description for ids and results.
@@ -545,6 +611,17 @@ public:
     /// \param connections the limit; 0 or less means no limit.
     void setMaxConnectionsPerHost(int connections);
 
+    /// Sends every later request of this client through the proxy \p url:
+    /// `http://`, `https://`, `socks5://` or `socks5h://` with a host and a
+    /// port (and user info when the proxy asks for credentials). An empty
+    /// string sends them directly, even when the environment names a proxy. A
+    /// client that never calls this follows libcurl's environment rule
+    /// (`http_proxy`, `https_proxy`, `no_proxy`). Requests already made keep
+    /// their route; a proxy that cannot be reached ends a request with
+    /// HttpClientStatus::ConnectError. Refused off the client's thread.
+    /// \param url the proxy's URL, or empty for none.
+    void setProxy(const QString& url);
+
     /// Sets the response cache's budget of body bytes; 0 (the initial state)
     /// turns the cache off and drops what it holds.
     ///
@@ -632,7 +709,9 @@ private:
 
     template <typename T>
     void* send(const TrelUrl& url, HttpMethod method, const T& body, const HttpClientOptions& options,
-        const Reply& reply, const char* signature);
+        const Reply& reply, const char* signature, const QByteArray& verb = QByteArray());
+    void* sendCustom(const QByteArray& verb, const TrelUrl& url, const QByteArray& body,
+        const HttpClientOptions& options, const Reply& reply, const char* signature);
     QSharedPointer<HttpClientTransfer> createTransfer(
         TrelUrl url, HttpMethod method, const HttpClientOptions& options, const Reply& reply);
     void notifyCaller(const Reply& reply, const HttpClientResult& result, const HttpClientPrivate& context);
@@ -678,6 +757,10 @@ private:
     QTimer timer;
     HttpVersion httpVersion;
     bool encodePlusSign;
+    // Set by setProxy(): every later transfer gets proxyUrl (empty: none). Unset,
+    // libcurl reads the environment.
+    bool proxyChosen = false;
+    QByteArray proxyUrl;
     QPointer<QObject> pushReceiver; // watched like any receiver
     QByteArray pushSlot;
     HttpClientOptions pushOptions;

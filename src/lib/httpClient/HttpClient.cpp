@@ -173,6 +173,16 @@ void HttpClient::setMaxConnectionsPerHost(int connections)
     curl_multi_setopt(multi, CURLMOPT_MAX_HOST_CONNECTIONS, static_cast<long>(std::max(connections, 0)));
 }
 
+void HttpClient::setProxy(const QString& url)
+{
+    TREL_ENTER("Proxy: " << trel::log::RedactedUrl { TrelUrl(url) });
+    if (!onOwnThread(__PRETTY_FUNCTION__)) {
+        return;
+    }
+    proxyChosen = true;
+    proxyUrl = url.toUtf8();
+}
+
 void HttpClient::setCacheSize(size_t size)
 {
     TREL_ENTER("Cache size: " << size);

@@ -1,9 +1,12 @@
-// The request entry points: every get/head/post/put/delete_/patch/postStream/
-// postForm/postFile call becomes a transfer here, or a cached result, or a refusal.
+// The request entry points: every get/head/post/put/delete_/patch/postStream/putStream/
+// postForm/postFile/sendCustomRequest call becomes a transfer here, or a cached
+// result, or a refusal.
 
 #include <trel/HttpClient.h>
 
 #include "Log.h"
+
+#include <algorithm>
 
 namespace {
 const char* const kLogFile = "src/lib/httpClient/HttpClient";
@@ -17,6 +20,16 @@ bool carriesCredentials(const HttpClientOptions& options)
     const HttpClientHeaders headers = options.headers();
     return headers.contains(QStringLiteral("authorization")) || headers.contains(QStringLiteral("cookie"));
 }
+
+// RFC 9110's token: the only spelling a method may have on the request line.
+bool isHttpToken(const QByteArray& verb)
+{
+    static const QByteArray kPunctuation("!#$%&'*+-.^_`|~");
+    return !verb.isEmpty() && std::all_of(verb.cbegin(), verb.cend(), [](char c) {
+        return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9')
+            || kPunctuation.contains(c);
+    });
+}
 } // namespace
 
 // ---------------------------------------------------------------------------
@@ -24,7 +37,7 @@ bool carriesCredentials(const HttpClientOptions& options)
 
 template <typename T>
 void* HttpClient::send(const TrelUrl& url, HttpMethod method, const T& body, const HttpClientOptions& options,
-    const Reply& reply, const char* signature)
+    const Reply& reply, const char* signature, const QByteArray& verb)
 {
     TREL_ENTER_AS(signature,
         "Url: " << trel::log::RedactedUrl { url } << ", method: " << static_cast<int>(method)
@@ -50,6 +63,9 @@ void* HttpClient::send(const TrelUrl& url, HttpMethod method, const T& body, con
     const QSharedPointer<HttpClientTransfer> transfer = createTransfer(url, method, options, reply);
     if (!transfer) {
         return nullptr;
+    }
+    if (!verb.isEmpty()) { // in place of the method's own; libcurl keeps it across redirects
+        curl_easy_setopt(static_cast<CURL*>(transfer->handle()), CURLOPT_CUSTOMREQUEST, verb.constData());
     }
     if (method > Head && !transfer->setDataToUpload(body)) {
         return nullptr; // destroyed unstarted: no result follows
@@ -108,6 +124,13 @@ QSharedPointer<HttpClientTransfer> HttpClient::createTransfer(
     if (!transfer->handle()) {
         TREL_ERROR("Failed to create curl easy handle!");
         return {};
+    }
+    if (proxyChosen) {
+        // Empty, each is libcurl's "whatever the environment says": no proxy at
+        // all, and no host exempt from the chosen one (no_proxy is ignored).
+        CURL* const handle = static_cast<CURL*>(transfer->handle());
+        curl_easy_setopt(handle, CURLOPT_PROXY, proxyUrl.constData());
+        curl_easy_setopt(handle, CURLOPT_NOPROXY, "");
     }
     return transfer;
 }
@@ -244,6 +267,25 @@ void* HttpClient::postStream(const TrelUrl& url, QSharedPointer<HttpClientQueue>
         url, Post, queue, options, Reply::toCallback(context, std::move(callback)), __PRETTY_FUNCTION__);
 }
 
+void* HttpClient::putStream(const TrelUrl& url, const QSharedPointer<HttpClientQueue>& queue,
+    QObject* receiver, const char* slot, const HttpClientOptions& options)
+{
+    return send(url, Put, queue, options, Reply::toResultSlot(receiver, slot), __PRETTY_FUNCTION__);
+}
+
+void* HttpClient::putStream(const TrelUrl& url, const QSharedPointer<HttpClientQueue>& queue,
+    const HttpClientOptions& options, Callback callback)
+{
+    return send(url, Put, queue, options, Reply::toCallback(std::move(callback)), __PRETTY_FUNCTION__);
+}
+
+void* HttpClient::putStream(const TrelUrl& url, const QSharedPointer<HttpClientQueue>& queue,
+    const HttpClientOptions& options, QObject* context, Callback callback)
+{
+    return send(
+        url, Put, queue, options, Reply::toCallback(context, std::move(callback)), __PRETTY_FUNCTION__);
+}
+
 void* HttpClient::postForm(const TrelUrl& url, const QList<QPair<QString, QString>>& fields,
     QObject* receiver, const char* slot, const HttpClientOptions& options)
 {
@@ -282,4 +324,40 @@ void* HttpClient::postFile(const TrelUrl& url, const QByteArray& data, const Htt
 {
     return send(url, Post, QSharedPointer<HttpClientTransfer::File>::create(data), options,
         Reply::toCallback(context, std::move(callback)), __PRETTY_FUNCTION__);
+}
+
+// A HEAD in custom form is a HEAD: libcurl must not wait for the body that
+// its response announces but never sends. Any other verb travels like a PUT
+// (the body sent whole, nothing cached) under its own name.
+void* HttpClient::sendCustom(const QByteArray& verb, const TrelUrl& url, const QByteArray& body,
+    const HttpClientOptions& options, const Reply& reply, const char* signature)
+{
+    if (!isHttpToken(verb)) {
+        TREL_ERROR(
+            "Refused, the method is not an HTTP token: \"" << verb.toPercentEncoding().constData() << '"');
+        return nullptr;
+    }
+    if (verb == "HEAD") {
+        return send(url, Head, QByteArray(), options, reply, signature);
+    }
+    return send(url, Put, body, options, reply, signature, verb);
+}
+
+void* HttpClient::sendCustomRequest(const QByteArray& verb, const TrelUrl& url, const QByteArray& body,
+    QObject* receiver, const char* slot, const HttpClientOptions& options)
+{
+    return sendCustom(verb, url, body, options, Reply::toResultSlot(receiver, slot), __PRETTY_FUNCTION__);
+}
+
+void* HttpClient::sendCustomRequest(const QByteArray& verb, const TrelUrl& url, const QByteArray& body,
+    const HttpClientOptions& options, Callback callback)
+{
+    return sendCustom(verb, url, body, options, Reply::toCallback(std::move(callback)), __PRETTY_FUNCTION__);
+}
+
+void* HttpClient::sendCustomRequest(const QByteArray& verb, const TrelUrl& url, const QByteArray& body,
+    const HttpClientOptions& options, QObject* context, Callback callback)
+{
+    return sendCustom(
+        verb, url, body, options, Reply::toCallback(context, std::move(callback)), __PRETTY_FUNCTION__);
 }

@@ -160,6 +160,9 @@ bool HttpClientTransfer::setDataToUpload(const QSharedPointer<HttpClientQueue>& 
     uploadStream->setReadyWatcher(this, [this] { resumeUpload(); });
     curl_easy_setopt(easy.get(), CURLOPT_READFUNCTION, &HttpClientTransfer::streamReadCallback);
     curl_easy_setopt(easy.get(), CURLOPT_READDATA, uploadStream.data());
+    // libcurl sends a body read through the callback only for what it calls a
+    // POST; a PUT keeps its own name on the request line (CURLOPT_CUSTOMREQUEST).
+    curl_easy_setopt(easy.get(), CURLOPT_POST, 1L);
     // Unknown length: chunked over HTTP/1.1, plain DATA frames over HTTP/2, so
     // every byte pushed into the queue reaches the server.
     curl_easy_setopt(easy.get(), CURLOPT_POSTFIELDSIZE, -1L);
