@@ -351,7 +351,8 @@ TEST_F(TrelFetch, UsageErrorsExitTwoAndSendNothing)
         { { "-d", "@" + missing, url("/echo") }, "cannot read" },
         { { "-T", missing, url("/echo") }, "cannot read" },
         { {}, "no URL given" },
-        { { "-X", "BREW", url("/") }, "unknown method" },
+        { { "-X", "BR EW", url("/") }, "not an HTTP method" },
+        { { "-X", "PROP(FIND)", url("/") }, "not an HTTP method" },
         { { "-X", "GET", "-d", "x", url("/") }, "need a method that sends a body" },
         { { "-X", "PUT", "-F", "a=b", url("/") }, "POST requests only" },
         { { "-F", "novalue", url("/") }, "malformed form field" },
@@ -386,6 +387,11 @@ TEST_F(TrelFetch, RequestMethodAndDataGoOnTheWire)
     EXPECT_EQ(runFetch({ "-X", "PUT", "-d", "hello", url("/echo") }).exitCode, 0);
     EXPECT_EQ(onlyRequest().method, "PUT");
     EXPECT_EQ(onlyRequest().body, "hello");
+
+    server().clear();
+    EXPECT_EQ(runFetch({ "-X", "PROPFIND", "-d", "<propfind/>", url("/echo") }).exitCode, 0);
+    EXPECT_EQ(onlyRequest().method, "PROPFIND");
+    EXPECT_EQ(onlyRequest().body, "<propfind/>");
 
     server().clear();
     const FetchRun posted = runFetch({ "-d", "a=1", "--data", "b=2", url("/echo") });

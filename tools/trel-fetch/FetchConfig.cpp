@@ -206,7 +206,9 @@ QByteArray readAll(std::istream& input)
     return QByteArray(text.data(), static_cast<int>(text.size()));
 }
 
-HttpClient::HttpMethod parseMethod(const QString& text)
+// The six methods with operations of their own, in any case; any other HTTP
+// token becomes a custom verb sent as given, with what PUT may carry.
+HttpClient::HttpMethod parseMethod(const QString& text, QByteArray& customVerb)
 {
     static const QList<QPair<QString, HttpClient::HttpMethod>> methods = {
         { "GET", HttpClient::Get },
@@ -221,7 +223,13 @@ HttpClient::HttpMethod parseMethod(const QString& text)
             return method.second;
         }
     }
-    fail(QString("unknown method '%1': use GET, HEAD, POST, PUT, DELETE or PATCH").arg(text));
+    static const QRegularExpression token(
+        QRegularExpression::anchoredPattern(QStringLiteral("[!#$%&'*+.^_`|~0-9A-Za-z-]+")));
+    if (!token.match(text).hasMatch()) {
+        fail(QString("'%1' is not an HTTP method: a method is one token, such as GET or PROPFIND").arg(text));
+    }
+    customVerb = text.toLatin1();
+    return HttpClient::Put;
 }
 
 HttpClientHeaders parseHeaders(const QStringList& lines, const QString& userAgent)
@@ -301,7 +309,9 @@ void readMethod(const ParsedArguments& parsed, FetchConfig& config)
     const HttpClient::HttpMethod implied = parsed.isSet(Option::UploadFile) ? HttpClient::Put
         : config.bodyKind != BodyKind::None                                 ? HttpClient::Post
                                                                             : HttpClient::Get;
-    config.method = parsed.isSet(Option::Request) ? parseMethod(parsed.value(Option::Request)) : implied;
+    config.method = parsed.isSet(Option::Request)
+        ? parseMethod(parsed.value(Option::Request), config.customVerb)
+        : implied;
     const bool readOnly = config.method == HttpClient::Get || config.method == HttpClient::Head;
     if (config.bodyKind == BodyKind::Data && readOnly) {
         fail("-d and -T need a method that sends a body: POST, PUT, DELETE or PATCH");
@@ -309,6 +319,37 @@ void readMethod(const ParsedArguments& parsed, FetchConfig& config)
     if (config.bodyKind != BodyKind::None && config.bodyKind != BodyKind::Data
         && config.method != HttpClient::Post) {
         fail("-F and --stream send POST requests only");
+    }
+}
+
+void readTlsTrust(const ParsedArguments& parsed, HttpClientOptions& options)
+{
+    options.setCaFile(parsed.value(Option::CaCert));
+    options.setCaPath(parsed.value(Option::CaPath));
+    if (parsed.isSet(Option::Key) && !parsed.isSet(Option::Cert)) {
+        fail("--key needs --cert");
+    }
+    options.setClientCertificate(parsed.value(Option::Cert), parsed.value(Option::Key));
+}
+
+void readProxy(const ParsedArguments& parsed, FetchConfig& config)
+{
+    if (parsed.isSet(Option::NoProxy)) {
+        if (parsed.value(Option::NoProxy) != QLatin1String("*")) {
+            fail("--noproxy takes '*' only: every request goes directly");
+        }
+        if (parsed.isSet(Option::Proxy)) {
+            fail("-x and --noproxy '*' contradict each other");
+        }
+        config.proxyChosen = true;
+        return;
+    }
+    if (parsed.isSet(Option::Proxy)) {
+        if (parsed.value(Option::Proxy).isEmpty()) {
+            fail("-x needs a proxy URL (--noproxy '*' sends requests directly)");
+        }
+        config.proxyChosen = true;
+        config.proxy = parsed.value(Option::Proxy);
     }
 }
 
@@ -345,6 +386,8 @@ void readRequestOptions(const ParsedArguments& parsed, FetchConfig& config)
     options.setPostRedirectFlags(postRedirects);
     options.disableCompression(!parsed.isSet(Option::Compressed)); // curl asks for no encoding by default
     options.setVerifyPeer(!parsed.isSet(Option::Insecure));
+    readTlsTrust(parsed, options);
+    readProxy(parsed, config);
 }
 
 void readOutputOptions(const ParsedArguments& parsed, FetchConfig& config)

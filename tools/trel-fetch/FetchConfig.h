@@ -59,11 +59,14 @@ struct FetchConfig
 
     HttpClient::HttpVersion version = HttpClient::Http1;
     HttpClient::HttpMethod method = HttpClient::Get;
+    QByteArray customVerb; // -X with a method of no operation of its own (PROPFIND...): sent as given
     BodyKind bodyKind = BodyKind::None;
     QByteArray data; // -d, -T, or the file of -F NAME=@FILE
     QList<QPair<QString, QString>> formFields; // -F
     HttpClientOptions options; // everything that maps onto one request's options
     int connectTimeoutMs = 0; // 0: none
+    bool proxyChosen = false; // -x or --noproxy: the environment no longer decides
+    QString proxy; // with proxyChosen: the proxy's URL, or empty for none
 
     bool silent = false;
     bool showError = false;

@@ -74,6 +74,9 @@ Fetcher::Fetcher(const FetchConfig& config, Reporter& reporter, QObject* parent)
     , client(nullptr, config.version)
 {
     client.setCacheSize(config.cacheSize);
+    if (config.proxyChosen) {
+        client.setProxy(config.proxy);
+    }
     if (config.push) {
         HttpClientOptions pushOptions = config.options;
         pushOptions.setImmediateRead(false); // a pushed response is reported whole
@@ -270,6 +273,9 @@ void* Fetcher::send(const TrelUrl& url, HttpClient::Callback callback)
     case BodyKind::None:
     case BodyKind::Data:
         break;
+    }
+    if (!config.customVerb.isEmpty()) {
+        return client.sendCustomRequest(config.customVerb, url, config.data, options, std::move(callback));
     }
     switch (config.method) {
     case HttpClient::Get:

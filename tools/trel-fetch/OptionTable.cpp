@@ -90,7 +90,8 @@ const QList<OptionSpec>& optionTable()
         { Option::ReportFile, {}, "report-file", ValueKind::Required, "FILE",
             "Write the --report lines to FILE instead." },
         { Option::Request, 'X', "request", ValueKind::Required, "METHOD",
-            "Request method: GET, HEAD, POST, PUT, DELETE or PATCH." },
+            "Request method: GET, HEAD, POST, PUT, DELETE, PATCH, or any other (PROPFIND, MKCOL...), "
+            "sent as given with what PUT may carry." },
         { Option::Header, 'H', "header", ValueKind::Required, "'NAME: VALUE'",
             "Add a request header (repeatable)." },
         { Option::Data, 'd', "data", ValueKind::Required, "DATA",
@@ -111,6 +112,22 @@ const QList<OptionSpec>& optionTable()
         { Option::Post303, {}, "post303", ValueKind::None, {}, "Keep POST after a 303 redirect." },
         { Option::Insecure, 'k', "insecure", ValueKind::None, {},
             "Do not verify the server's TLS certificate." },
+        { Option::CaCert, {}, "cacert", ValueKind::Required, "FILE",
+            "Trust the CA certificates in FILE (PEM) instead of the built-in bundle." },
+        { Option::CaPath, {}, "capath", ValueKind::Required, "DIR",
+            "Trust the CA certificates in DIR (PEM files under hashed names, as openssl rehash leaves them) "
+            "instead of the built-in directory." },
+        { Option::Cert, 'E', "cert", ValueKind::Required, "FILE",
+            "Present the client certificate in FILE (PEM) to servers that ask for one; its key comes "
+            "from --key, or from FILE itself." },
+        { Option::Key, {}, "key", ValueKind::Required, "FILE",
+            "The private key (PEM, unencrypted) of --cert." },
+        { Option::Proxy, 'x', "proxy", ValueKind::Required, "URL",
+            "Send every request through the proxy URL (http://, https://, socks5:// or socks5h://), "
+            "whatever the environment's no_proxy says." },
+        { Option::NoProxy, {}, "noproxy", ValueKind::Required, "'*'",
+            "With '*', send every request directly, whatever the environment's proxy variables say "
+            "(no other list is supported)." },
         { Option::MaxTime, 'm', "max-time", ValueKind::Required, "SECONDS",
             "Give up on a request after SECONDS (fractions allowed)." },
         { Option::ConnectTimeout, {}, "connect-timeout", ValueKind::Required, "SECONDS",
