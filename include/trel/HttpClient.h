@@ -716,6 +716,7 @@ private:
         TrelUrl url, HttpMethod method, const HttpClientOptions& options, const Reply& reply);
     void notifyCaller(const Reply& reply, const HttpClientResult& result, const HttpClientPrivate& context);
     void queueCallback(const HttpClientResult& result, const Reply& reply);
+    void queueProgressReport(std::function<void()> report);
     void refuseMissingSlot(const Reply& reply) const;
     bool requestHeadersAllowed(const HttpClientOptions& options) const;
     // Admission: at most connectionLimit transfers of requests are in libcurl at

@@ -8,6 +8,8 @@
 
 #include <QSet>
 
+#include <functional>
+
 /// Per-request settings, given to every request operation of HttpClient and
 /// to HttpClient::setPushProperties().
 ///
@@ -150,6 +152,23 @@ public:
     /// The limit for connecting in milliseconds; below 1 means libcurl's default.
     int connectTimeoutMs() const;
 
+    /// What setProgressCallback() takes: the body bytes received so far, the
+    /// length the response announced (-1 when unknown), the bytes sent so far
+    /// (as libcurl counts them: a streamed body over HTTP/1.1 includes its
+    /// chunk framing) and the length of the request body (-1 when unknown or none).
+    using ProgressCallback
+        = std::function<void(qint64 received, qint64 receiveTotal, qint64 sent, qint64 sendTotal)>;
+
+    /// Calls \p callback with the request's progress as bytes move: on the
+    /// client's thread, from the event loop (never inside a request call or a
+    /// libcurl callback), at most every 100 ms, and once more with the final
+    /// numbers before the result is delivered. Works for slot and callback
+    /// forms alike; pushed responses report none. Empty (the default) costs
+    /// nothing: libcurl's progress function stays off.
+    void setProgressCallback(ProgressCallback callback);
+    /// The progress callback; empty unless set.
+    ProgressCallback progressCallback() const;
+
     /// Extra request header fields, sent as given; a field libcurl would send
     /// itself is replaced by one of the same name. An `Authorization` or
     /// `Cookie` field keeps a GET out of the response cache in both directions.
@@ -179,6 +198,7 @@ private:
     QString clientCertificateFile_;
     QString clientKeyFile_;
     int connectTimeoutMs_ = -1;
+    ProgressCallback progressCallback_;
     QSet<HttpPostRedirFlags> postRedirectFlags_;
 };
 

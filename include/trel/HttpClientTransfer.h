@@ -10,6 +10,7 @@
 #include <trel/trel_http_client_export.h>
 
 #include <QByteArray>
+#include <QElapsedTimer>
 #include <QList>
 #include <QObject>
 #include <QPair>
@@ -206,6 +207,11 @@ public:
     /// left alone (an ERROR log line says so).
     /// \param waitedMs how long it waited, for the reason's words.
     void timeOutUnstarted(std::int64_t waitedMs);
+    /// Where the transfer's last progress report goes: \p queue takes the
+    /// report and runs it from the event loop, in order with the results it
+    /// delivers (the client's delivery queue), since the transfer itself is
+    /// gone by then. Without one, no last report is made.
+    void setFinalProgressQueue(std::function<void(std::function<void()>)> queue);
     /// The URL \p easy (a `CURL*`) ended at after redirects; empty when libcurl
     /// has none.
     QString getEffectiveUrl(void* easy);
@@ -227,6 +233,12 @@ public:
     ///         queue is open and empty (its watcher resumes the upload); 0 at
     ///         the end of the body, once the queue is closed and drained.
     static size_t streamReadCallback(void* buffer, size_t size, size_t count, void* queue);
+    /// libcurl's progress callback (CURLOPT_XFERINFOFUNCTION), installed only
+    /// for a request with a progress callback: keeps the numbers of the
+    /// HttpClientTransfer \p transfer and schedules a report from the event loop.
+    /// \return 0: the transfer goes on.
+    static int curlProgress(
+        void* transfer, curl_off_t dltotal, curl_off_t dlnow, curl_off_t ultotal, curl_off_t ulnow);
 
 private:
     friend class HttpClientTransferTestAccess; // white-box checks of buffers and holders
@@ -245,6 +257,10 @@ private:
     void configure(int httpVersion);
     void configureTlsTrust();
     void installReceiveCallbacks();
+    void installProgressCallback();
+    void noteProgress(qint64 received, qint64 receiveTotal, qint64 sent, qint64 sendTotal);
+    void reportProgress();
+    void reportFinalProgress();
     void reportCompletion(
         HttpClientStatus status, long code, const QByteArray& body, const HttpClientHeaders& headers);
     void reportAddFailure(CURLMcode added);
@@ -268,4 +284,18 @@ private:
     QSharedPointer<HttpClientQueue> uploadStream;
     CURLM* activeMulti = nullptr;
     std::array<char, CURL_ERROR_SIZE> errorText {}; // libcurl's own words for a failure
+    // Progress for the caller's progress callback, kept inside libcurl's calls
+    // and reported from the event loop.
+    struct Progress
+    {
+        qint64 received = 0;
+        qint64 receiveTotal = -1;
+        qint64 sent = 0;
+        qint64 sendTotal = -1;
+        bool unreported = false; // the numbers changed since the last report
+        bool reportScheduled = false;
+        QElapsedTimer sinceReport; // invalid until the first report
+    };
+    Progress progress;
+    std::function<void(std::function<void()>)> finalProgressQueue;
 };

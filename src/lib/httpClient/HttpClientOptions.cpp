@@ -133,6 +133,16 @@ int HttpClientOptions::connectTimeoutMs() const
     return connectTimeoutMs_;
 }
 
+void HttpClientOptions::setProgressCallback(ProgressCallback callback)
+{
+    progressCallback_ = std::move(callback);
+}
+
+HttpClientOptions::ProgressCallback HttpClientOptions::progressCallback() const
+{
+    return progressCallback_;
+}
+
 void HttpClientOptions::setHeaders(const HttpClientHeaders& headers)
 {
     headers_ = headers;

@@ -125,6 +125,8 @@ QSharedPointer<HttpClientTransfer> HttpClient::createTransfer(
         TREL_ERROR("Failed to create curl easy handle!");
         return {};
     }
+    transfer->setFinalProgressQueue(
+        [this](std::function<void()> report) { queueProgressReport(std::move(report)); });
     if (proxyChosen) {
         // Empty, each is libcurl's "whatever the environment says": no proxy at
         // all, and no host exempt from the chosen one (no_proxy is ignored).

@@ -161,6 +161,7 @@ void HttpClientTransfer::finish(CURLMsg* message)
         headers.insert(
             QString::fromLatin1(HttpClientHeaders::ErrorCodeField), QString::number(failureCode(result)));
     }
+    reportFinalProgress();
     curl_multi_remove_handle(activeMulti, easy.get());
     activeMulti = nullptr;
     endUploadStream();

@@ -89,6 +89,7 @@ void HttpClientTransfer::configure(int httpVersion)
     curl_easy_setopt(handle, CURLOPT_PROTOCOLS_STR, kAllowedProtocols);
     curl_easy_setopt(handle, CURLOPT_REDIR_PROTOCOLS_STR, kAllowedProtocols);
     installReceiveCallbacks();
+    installProgressCallback();
     curl_easy_setopt(handle, CURLOPT_BUFFERSIZE,
         options.immediateRead() ? kImmediateReadBufferBytes : kReceiveBufferBytes);
     curl_easy_setopt(handle, CURLOPT_NOSIGNAL, 1L);
