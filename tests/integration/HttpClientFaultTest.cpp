@@ -9,6 +9,7 @@
 
 #include "LocalServers.h"
 #include "LoopbackServer.h"
+#include "PeakResident.h"
 #include "ResultReceiver.h"
 #include "SocketCount.h"
 #include "WaitFor.h"
@@ -31,7 +32,9 @@
 namespace {
 
 using trel::test::LoopbackServer;
+using trel::test::peakResidentBytes;
 using trel::test::RecordedRequest;
+using trel::test::resetPeakResident;
 using trel::test::ResultReceiver;
 using trel::test::ScriptedResponse;
 using trel::test::waitFor;
@@ -329,29 +332,6 @@ QByteArray gzippedZeros(qint64 size)
     deflateEnd(&stream);
     made[size] = out;
     return out;
-}
-
-// Peak resident memory since the last reset, in bytes.
-qint64 peakResidentBytes()
-{
-    QFile status("/proc/self/status");
-    if (!status.open(QIODevice::ReadOnly)) {
-        return -1;
-    }
-    for (const QByteArray& line : status.readAll().split('\n')) {
-        if (line.startsWith("VmHWM:")) {
-            return line.mid(6).trimmed().split(' ').first().toLongLong() * 1024;
-        }
-    }
-    return -1;
-}
-
-void resetPeakResident()
-{
-    QFile clearRefs("/proc/self/clear_refs");
-    if (clearRefs.open(QIODevice::WriteOnly)) {
-        clearRefs.write("5");
-    }
 }
 
 constexpr qint64 kBombSize = 1024LL * 1024 * 1024;

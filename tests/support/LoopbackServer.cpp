@@ -595,8 +595,14 @@ void LoopbackServer::respond(Connection& connection, const RecordedRequest& requ
         }
     }
     QByteArray wire = response.raw.isEmpty() ? head + payload : response.raw;
-    if (response.fault == Fault::CutAfter || response.fault == Fault::ResetAfter) {
+    if (response.fault == Fault::CutAfter || response.fault == Fault::ResetAfter
+        || response.fault == Fault::StallAfter) {
         wire = wire.left(response.cutAt);
+    }
+    if (response.fault == Fault::StallAfter) {
+        connection.out += wire;
+        connection.stalled = true; // nothing more is read or answered here
+        return;
     }
     if (response.fault == Fault::ResetAfter) {
         connection.out += wire;

@@ -55,6 +55,8 @@ struct ScriptedResponse
         CutAfter, // send the first `cutAt` bytes of the response (head included), then close
         ResetAfter, // send the first `cutAt` bytes, let the client read them, then reset
         CloseSilently, // answer in full, then close without having said so
+        StallAfter, // send the first `cutAt` bytes of the response, then nothing more; keep the connection
+                    // open
     };
 
     int status = 200;
@@ -67,7 +69,7 @@ struct ScriptedResponse
     Fault fault = Fault::None;
     int truncateAt = 0;
     bool closeAfter = false; // "Connection: close", then close
-    int cutAt = 0; // for CutAfter and ResetAfter: bytes of the whole response
+    int cutAt = 0; // for CutAfter, ResetAfter and StallAfter: bytes of the whole response
     QByteArray raw; // when not empty, sent as the whole response instead of one built from the fields
     int dripMs = 0; // when > 0, the head goes at once and the body one byte every dripMs milliseconds
 
