@@ -4,6 +4,7 @@
 
 #include <trel/HttpClientCache.h>
 #include <trel/HttpClientHeaders.h>
+#include <trel/HttpClientMultipart.h>
 #include <trel/HttpClientOptions.h>
 #include <trel/HttpClientPrivate.h>
 #include <trel/HttpClientQueue.h>
@@ -32,6 +33,7 @@
 #include <deque>
 #include <functional>
 #include <map>
+#include <memory>
 #include <vector>
 
 /// An asynchronous HTTP client for the thread that owns it and runs its Qt event loop.
@@ -583,6 +585,38 @@ public:
     /// \return the request id, as the callback form above.
     void* postFile(const TrelUrl& url, const QByteArray& data, const HttpClientOptions& options,
         QObject* context, Callback callback);
+    /// Starts a POST request whose body is the `multipart/form-data` \p form:
+    /// fields, bytes and files, each file read from disk while it is sent; see
+    /// the class description for ids and results. A file that cannot be opened
+    /// ends the request with HttpClientStatus::Error and the reason.
+    /// \param url an `http` or `https` URL, copied.
+    /// \param form the parts, copied (a file part by its path).
+    /// \param receiver receives the result through \p slot, on its own thread;
+    ///        not owned, watched (see the class description).
+    /// \param slot the bare name of the receiver's six-argument slot, such as "onResult".
+    /// \param options the request's settings, copied.
+    /// \return the request id; null when refused (no result follows).
+    void* postMultipart(const TrelUrl& url, const HttpClientMultipart& form, QObject* receiver,
+        const char* slot, const HttpClientOptions& options);
+    /// The callback form of postMultipart() above.
+    /// \param url an `http` or `https` URL, copied.
+    /// \param form as in the slot form above.
+    /// \param options the request's settings, copied.
+    /// \param callback receives the result on the client's thread.
+    /// \return the request id; null when refused (no result follows).
+    void* postMultipart(const TrelUrl& url, const HttpClientMultipart& form, const HttpClientOptions& options,
+        Callback callback);
+    /// The callback form of postMultipart() above, tied to \p context: the
+    /// callback is dropped if \p context is destroyed before the result is
+    /// delivered.
+    /// \param url an `http` or `https` URL, copied.
+    /// \param form as in the slot form above.
+    /// \param options the request's settings, copied.
+    /// \param context guards the callback; not owned, watched; null guards nothing.
+    /// \param callback receives the result on the client's thread.
+    /// \return the request id, as the callback form above.
+    void* postMultipart(const TrelUrl& url, const HttpClientMultipart& form, const HttpClientOptions& options,
+        QObject* context, Callback callback);
 
     /// Cancels the live request with this id.
     ///
@@ -621,6 +655,31 @@ public:
     /// HttpClientStatus::ConnectError. Refused off the client's thread.
     /// \param url the proxy's URL, or empty for none.
     void setProxy(const QString& url);
+
+    /// Turns this client's cookie engine on or off (off initially).
+    ///
+    /// On, the cookies that responses set are kept and sent with the client's
+    /// later requests that match them, by libcurl's rules for domain, path,
+    /// expiry and `Secure`; all the client's transfers share one jar, and no
+    /// other client sees it. Off, nothing is sent or kept, and the jar stays as
+    /// it is for a later turn on. While the engine is on and its jar may hold a
+    /// cookie, a GET is neither answered from the response cache nor stored in
+    /// it, and a response that sets a cookie is never stored. Applies to
+    /// requests made after the call. Refused off the client's thread.
+    /// \param enabled whether later requests use the jar.
+    void setCookiesEnabled(bool enabled);
+    /// The jar's cookies in the Netscape cookie-file format (as curl's
+    /// `--cookie-jar` writes it), for setCookies() in a later session; the
+    /// header line alone when the jar is empty. Empty off the client's thread.
+    /// \return one line per cookie after a header line.
+    QByteArray cookies() const;
+    /// Adds cookies to the jar, as a session saved with cookies() left them:
+    /// lines in the Netscape cookie-file format, or `Set-Cookie:` header lines.
+    /// Comment and blank lines are skipped; a cookie replaces one of the same
+    /// name, domain and path. Does not turn the engine on. Refused off the
+    /// client's thread.
+    /// \param netscapeCookies the lines, UTF-8 or ASCII.
+    void setCookies(const QByteArray& netscapeCookies);
 
     /// Sets the response cache's budget of body bytes; 0 (the initial state)
     /// turns the cache off and drops what it holds.
@@ -717,6 +776,10 @@ private:
     void notifyCaller(const Reply& reply, const HttpClientResult& result, const HttpClientPrivate& context);
     void queueCallback(const HttpClientResult& result, const Reply& reply);
     void queueProgressReport(std::function<void()> report);
+    void endInactive(void* id, qint64 idleMs);
+    CURLSH* ensureCookieShare();
+    void applyCookieEngine(CURL* handle);
+    bool cookieJarInUse() const;
     void refuseMissingSlot(const Reply& reply) const;
     bool requestHeadersAllowed(const HttpClientOptions& options) const;
     // Admission: at most connectionLimit transfers of requests are in libcurl at
@@ -762,6 +825,16 @@ private:
     // libcurl reads the environment.
     bool proxyChosen = false;
     QByteArray proxyUrl;
+    // The cookie jar: one libcurl share handle per client, made when first
+    // needed. Declared before every holder of easy handles, so it is freed
+    // after all of them have left it.
+    struct CookieShareFree
+    {
+        void operator()(CURLSH* share) const;
+    };
+    std::unique_ptr<CURLSH, CookieShareFree> cookieShare;
+    bool cookiesEnabled = false;
+    bool cookieJarMayHoldCookies = false; // set by setCookies() or any Set-Cookie seen
     QPointer<QObject> pushReceiver; // watched like any receiver
     QByteArray pushSlot;
     HttpClientOptions pushOptions;

@@ -152,6 +152,15 @@ public:
     /// The limit for connecting in milliseconds; below 1 means libcurl's default.
     int connectTimeoutMs() const;
 
+    /// Ends a request with HttpClientStatus::Timeout once its transfer has
+    /// received and sent no body byte for \p inactivityTimeoutMs milliseconds
+    /// (connecting and waiting for the response head count as nothing moving).
+    /// Below 1 means no such limit (the default, -1). Unlike setTimeoutMs(), a
+    /// long transfer that keeps moving is never cut.
+    void setInactivityTimeoutMs(int inactivityTimeoutMs);
+    /// The inactivity limit in milliseconds; below 1 means none.
+    int inactivityTimeoutMs() const;
+
     /// What setProgressCallback() takes: the body bytes received so far, the
     /// length the response announced (-1 when unknown), the bytes sent so far
     /// (as libcurl counts them: a streamed body over HTTP/1.1 includes its
@@ -198,6 +207,7 @@ private:
     QString clientCertificateFile_;
     QString clientKeyFile_;
     int connectTimeoutMs_ = -1;
+    int inactivityTimeoutMs_ = -1;
     ProgressCallback progressCallback_;
     QSet<HttpPostRedirFlags> postRedirectFlags_;
 };

@@ -3,6 +3,7 @@
 #pragma once
 
 #include <trel/HttpClientHeaders.h>
+#include <trel/HttpClientMultipart.h>
 #include <trel/HttpClientOptions.h>
 #include <trel/HttpClientQueue.h>
 #include <trel/HttpClientStatus.h>
@@ -17,6 +18,7 @@
 #include <QSharedPointer>
 #include <QString>
 #include <QTemporaryFile>
+#include <QTimer>
 
 #include <curl/curl.h>
 
@@ -171,6 +173,14 @@ public:
     /// \return false (an ERROR log line) for a GET or HEAD transfer, an invalid
     ///         file, or a part that cannot be built.
     bool setDataToUpload(const QSharedPointer<File>& file);
+    /// Sends \p form as a `multipart/form-data` body, its parts in order; a
+    /// file part's file is opened and read while it is sent. A file that cannot
+    /// be opened now is noted: start() then ends the transfer at once with
+    /// HttpClientStatus::Error, libcurl's read-error code (26) and the reason,
+    /// without sending anything. Call before start().
+    /// \return false (an ERROR log line) for a GET or HEAD transfer or when a
+    ///         part cannot be built.
+    bool setDataToUpload(const HttpClientMultipart& form);
     /// Streams the body from \p queue, with unknown length (chunked over
     /// HTTP/1.1), and sets this transfer as the queue's ready watcher so that a
     /// paused upload resumes on the client's thread. Keeps a reference to the
@@ -212,6 +222,18 @@ public:
     /// delivers (the client's delivery queue), since the transfer itself is
     /// gone by then. Without one, no last report is made.
     void setFinalProgressQueue(std::function<void(std::function<void()>)> queue);
+    /// What runs when the request's inactivity limit
+    /// (HttpClientOptions::setInactivityTimeoutMs()) runs out: \p expire,
+    /// given how long nothing moved, ends the request through its owner, which
+    /// calls timeOutInactive(). The watch
+    /// starts when the transfer starts; without a handler there is none.
+    void setInactivityHandler(std::function<void(qint64 idleMs)> expire);
+    /// Ends an active transfer on which no body byte moved for \p idleMs
+    /// milliseconds: removes the handle from the multi handle and reports
+    /// HttpClientStatus::Timeout with what was received, libcurl's timeout code
+    /// (28) in `X-TrelErrorCode` and the reason in `X-TrelError`. On an
+    /// inactive transfer it logs an ERROR line and does nothing.
+    void timeOutInactive(qint64 idleMs);
     /// The URL \p easy (a `CURL*`) ended at after redirects; empty when libcurl
     /// has none.
     QString getEffectiveUrl(void* easy);
@@ -234,8 +256,9 @@ public:
     ///         the end of the body, once the queue is closed and drained.
     static size_t streamReadCallback(void* buffer, size_t size, size_t count, void* queue);
     /// libcurl's progress callback (CURLOPT_XFERINFOFUNCTION), installed only
-    /// for a request with a progress callback: keeps the numbers of the
-    /// HttpClientTransfer \p transfer and schedules a report from the event loop.
+    /// for a request with a progress callback or an inactivity limit: keeps the
+    /// numbers of the HttpClientTransfer \p transfer, notes when they last
+    /// changed and schedules a report from the event loop.
     /// \return 0: the transfer goes on.
     static int curlProgress(
         void* transfer, curl_off_t dltotal, curl_off_t dlnow, curl_off_t ultotal, curl_off_t ulnow);
@@ -258,12 +281,17 @@ private:
     void configureTlsTrust();
     void installReceiveCallbacks();
     void installProgressCallback();
+    bool addMimePart(curl_mime* mime, const HttpClientMultipart::Part& part);
+    bool noteIfUnreadable(const QString& path);
     void noteProgress(qint64 received, qint64 receiveTotal, qint64 sent, qint64 sendTotal);
     void reportProgress();
     void reportFinalProgress();
+    void startInactivityWatch();
+    void checkInactivity();
     void reportCompletion(
         HttpClientStatus status, long code, const QByteArray& body, const HttpClientHeaders& headers);
     void reportAddFailure(CURLMcode added);
+    void reportUnreadableFile();
     long responseCode();
     HttpClientHeaders receivedHeaders(bool withEffectiveUrl);
     QSharedPointer<curl_mime> newMime();
@@ -281,6 +309,7 @@ private:
     QByteArray uploadBytes;
     QSharedPointer<File> uploadFile;
     QSharedPointer<curl_mime> mimeBody;
+    QString unreadableFile; // why a multipart file part cannot be read, when it cannot
     QSharedPointer<HttpClientQueue> uploadStream;
     CURLM* activeMulti = nullptr;
     std::array<char, CURL_ERROR_SIZE> errorText {}; // libcurl's own words for a failure
@@ -295,7 +324,10 @@ private:
         bool unreported = false; // the numbers changed since the last report
         bool reportScheduled = false;
         QElapsedTimer sinceReport; // invalid until the first report
+        QElapsedTimer sinceMoved; // restarted whenever a number changes
     };
     Progress progress;
     std::function<void(std::function<void()>)> finalProgressQueue;
+    QTimer inactivityTimer; // single shot, due when the limit could run out
+    std::function<void(qint64 idleMs)> inactivityExpired;
 };

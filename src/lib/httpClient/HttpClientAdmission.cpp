@@ -152,3 +152,16 @@ void HttpClient::endRequest(void* id, HttpClientTransfer& transfer)
     transfer.cancel(); // reports Error/-1; the delivery is queued
     releaseAdmission(id);
 }
+
+// Runs from the event loop, from the transfer's inactivity timer: the request
+// ends as Timeout and its place goes to the next waiting one.
+void HttpClient::endInactive(void* id, qint64 idleMs)
+{
+    const QSharedPointer<HttpClientTransfer> transfer = takeTransfer(id);
+    if (!transfer) {
+        return;
+    }
+    transfer->timeOutInactive(idleMs);
+    recycleHandle(*transfer);
+    releaseAdmission(id);
+}

@@ -133,6 +133,16 @@ int HttpClientOptions::connectTimeoutMs() const
     return connectTimeoutMs_;
 }
 
+void HttpClientOptions::setInactivityTimeoutMs(int inactivityTimeoutMs)
+{
+    inactivityTimeoutMs_ = inactivityTimeoutMs;
+}
+
+int HttpClientOptions::inactivityTimeoutMs() const
+{
+    return inactivityTimeoutMs_;
+}
+
 void HttpClientOptions::setProgressCallback(ProgressCallback callback)
 {
     progressCallback_ = std::move(callback);

@@ -1,5 +1,5 @@
 // The request entry points: every get/head/post/put/delete_/patch/postStream/putStream/
-// postForm/postFile/sendCustomRequest call becomes a transfer here, or a cached
+// postForm/postFile/postMultipart/sendCustomRequest call becomes a transfer here, or a cached
 // result, or a refusal.
 
 #include <trel/HttpClient.h>
@@ -52,7 +52,7 @@ void* HttpClient::send(const TrelUrl& url, HttpMethod method, const T& body, con
     if (!requestHeadersAllowed(options)) {
         return nullptr;
     }
-    if (method == Get && !carriesCredentials(options)) {
+    if (method == Get && !carriesCredentials(options) && !cookieJarInUse()) {
         if (const HttpClientCacheEntry* const entry = cache.retrieve(url)) {
             // Copied at once: the entry may go with the next cache change.
             const HttpClientResult result { url, entry->status, entry->code, entry->body, entry->headers };
@@ -71,6 +71,9 @@ void* HttpClient::send(const TrelUrl& url, HttpMethod method, const T& body, con
         return nullptr; // destroyed unstarted: no result follows
     }
     void* const id = registerTransfer(transfer, options.immediateRead());
+    if (options.inactivityTimeoutMs() > 0) {
+        transfer->setInactivityHandler([this, id](qint64 idleMs) { endInactive(id, idleMs); });
+    }
     admitOrWait(id, *transfer, options.timeoutMs());
     return id;
 }
@@ -102,10 +105,14 @@ QSharedPointer<HttpClientTransfer> HttpClient::createTransfer(
 {
     TREL_ENTER("Url: " << trel::log::RedactedUrl { url } << " method: " << static_cast<int>(method));
     // The caller's own URL, before rewriting: results and the cache use it.
-    const bool offerToCache = method == Get && !carriesCredentials(options);
-    auto completion = [this, callerUrl = url, offerToCache, options, reply](
+    // With the cookie engine on, a response that sets a cookie is private too.
+    const bool offerToCache = method == Get && !carriesCredentials(options) && !cookieJarInUse();
+    const bool cookiesOn = cookiesEnabled;
+    auto completion = [this, callerUrl = url, offerToCache, cookiesOn, options, reply](
                           HttpClientStatus status, long code, QByteArray body, HttpClientHeaders headers) {
-        if (offerToCache) {
+        const bool setsCookie = cookiesOn && headers.contains(QStringLiteral("Set-Cookie"));
+        cookieJarMayHoldCookies = cookieJarMayHoldCookies || setsCookie;
+        if (offerToCache && !setsCookie) {
             cache.tryCache(callerUrl, status, static_cast<int>(code), headers, body);
         }
         const HttpClientResult result { callerUrl, status, static_cast<int>(code), body, headers };
@@ -127,6 +134,7 @@ QSharedPointer<HttpClientTransfer> HttpClient::createTransfer(
     }
     transfer->setFinalProgressQueue(
         [this](std::function<void()> report) { queueProgressReport(std::move(report)); });
+    applyCookieEngine(static_cast<CURL*>(transfer->handle()));
     if (proxyChosen) {
         // Empty, each is libcurl's "whatever the environment says": no proxy at
         // all, and no host exempt from the chosen one (no_proxy is ignored).
@@ -305,6 +313,25 @@ void* HttpClient::postForm(const TrelUrl& url, const QList<QPair<QString, QStrin
 {
     return send(
         url, Post, fields, options, Reply::toCallback(context, std::move(callback)), __PRETTY_FUNCTION__);
+}
+
+void* HttpClient::postMultipart(const TrelUrl& url, const HttpClientMultipart& form, QObject* receiver,
+    const char* slot, const HttpClientOptions& options)
+{
+    return send(url, Post, form, options, Reply::toResultSlot(receiver, slot), __PRETTY_FUNCTION__);
+}
+
+void* HttpClient::postMultipart(
+    const TrelUrl& url, const HttpClientMultipart& form, const HttpClientOptions& options, Callback callback)
+{
+    return send(url, Post, form, options, Reply::toCallback(std::move(callback)), __PRETTY_FUNCTION__);
+}
+
+void* HttpClient::postMultipart(const TrelUrl& url, const HttpClientMultipart& form,
+    const HttpClientOptions& options, QObject* context, Callback callback)
+{
+    return send(
+        url, Post, form, options, Reply::toCallback(context, std::move(callback)), __PRETTY_FUNCTION__);
 }
 
 void* HttpClient::postFile(const TrelUrl& url, const QByteArray& data, QObject* receiver, const char* slot,

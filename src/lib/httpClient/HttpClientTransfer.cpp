@@ -107,12 +107,17 @@ void HttpClientTransfer::start(CURLM* multi)
         TREL_FATAL("Transfer is already active");
         return;
     }
+    if (!unreadableFile.isEmpty()) {
+        reportUnreadableFile();
+        return;
+    }
     const CURLMcode added = curl_multi_add_handle(multi, easy.get());
     if (added != CURLM_OK) {
         reportAddFailure(added);
         return;
     }
     activeMulti = multi;
+    startInactivityWatch();
 }
 
 // libcurl never saw the request, so it never ends there: it ends here, as an
@@ -128,6 +133,17 @@ void HttpClientTransfer::reportAddFailure(CURLMcode added)
         QStringLiteral("could not start the transfer: %1").arg(QString::fromUtf8(reason)));
     headers.insert(
         QString::fromLatin1(HttpClientHeaders::ErrorCodeField), QString::number(static_cast<int>(code)));
+    reportCompletion(HttpClientStatus::Error, 0, QByteArray(), headers);
+}
+
+// libcurl would send an unreadable file as an empty part and call it success:
+// the request ends here instead, as the read failure it is.
+void HttpClientTransfer::reportUnreadableFile()
+{
+    HttpClientHeaders headers;
+    headers.insert(QString::fromLatin1(HttpClientHeaders::ErrorField), unreadableFile);
+    headers.insert(QString::fromLatin1(HttpClientHeaders::ErrorCodeField),
+        QString::number(static_cast<int>(CURLE_READ_ERROR)));
     reportCompletion(HttpClientStatus::Error, 0, QByteArray(), headers);
 }
 
@@ -164,6 +180,7 @@ void HttpClientTransfer::finish(CURLMsg* message)
     reportFinalProgress();
     curl_multi_remove_handle(activeMulti, easy.get());
     activeMulti = nullptr;
+    inactivityTimer.stop();
     endUploadStream();
     reportCompletion(status, code, receiveBuffer.body, headers);
 }
@@ -198,8 +215,30 @@ void HttpClientTransfer::cancel()
     }
     curl_multi_remove_handle(activeMulti, easy.get());
     activeMulti = nullptr;
+    inactivityTimer.stop();
     endUploadStream();
     reportCompletion(HttpClientStatus::Error, -1, QByteArray(), HttpClientHeaders());
+}
+
+// Ended here rather than by libcurl, whose own limits count whole seconds:
+// reported as the timeout libcurl would have called it, with what arrived.
+void HttpClientTransfer::timeOutInactive(qint64 idleMs)
+{
+    if (!activeMulti) {
+        TREL_ERROR("Transfer already finished");
+        return;
+    }
+    const long code = responseCode();
+    HttpClientHeaders headers = receivedHeaders(false);
+    headers.insert(QString::fromLatin1(HttpClientHeaders::ErrorField),
+        QStringLiteral("Operation timed out: no data moved for %1 milliseconds").arg(idleMs));
+    headers.insert(QString::fromLatin1(HttpClientHeaders::ErrorCodeField),
+        QString::number(static_cast<int>(CURLE_OPERATION_TIMEDOUT)));
+    reportFinalProgress();
+    curl_multi_remove_handle(activeMulti, easy.get());
+    activeMulti = nullptr;
+    endUploadStream();
+    reportCompletion(HttpClientStatus::Timeout, code, receiveBuffer.body, headers);
 }
 
 void HttpClientTransfer::timeOutUnstarted(std::int64_t waitedMs)

@@ -7,6 +7,7 @@
 #include "Log.h"
 
 #include <QDir>
+#include <QFile>
 
 namespace {
 const char* const kLogFile = "src/lib/httpClient/HttpClientTransfer";
@@ -143,6 +144,67 @@ bool HttpClientTransfer::setDataToUpload(const QSharedPointer<File>& file)
     }
     mimeBody = mime;
     curl_easy_setopt(easy.get(), CURLOPT_MIMEPOST, mimeBody.data());
+    return true;
+}
+
+bool HttpClientTransfer::setDataToUpload(const HttpClientMultipart& form)
+{
+    TREL_ENTER("Multipart parts: " << form.parts().size());
+    if (!acceptsBody()) {
+        return false;
+    }
+    const QSharedPointer<curl_mime> mime = newMime();
+    if (!mime) {
+        TREL_ERROR("Failed to create a multipart body");
+        return false;
+    }
+    for (const HttpClientMultipart::Part& part : form.parts()) {
+        if (!addMimePart(mime.data(), part)) {
+            return false;
+        }
+    }
+    mimeBody = mime;
+    curl_easy_setopt(easy.get(), CURLOPT_MIMEPOST, mimeBody.data());
+    return true;
+}
+
+// An empty file name or type leaves the part without one (null for libcurl).
+bool HttpClientTransfer::addMimePart(curl_mime* mime, const HttpClientMultipart::Part& part)
+{
+    curl_mimepart* const mimePart = curl_mime_addpart(mime);
+    const QByteArray name = part.name.toUtf8();
+    const QByteArray fileName = part.fileName.toUtf8();
+    const QByteArray type = part.contentType.toUtf8();
+    bool built = mimePart && curl_mime_name(mimePart, name.constData()) == CURLE_OK;
+    if (built && part.path.isEmpty()) {
+        built = curl_mime_data(mimePart, part.data.constData(), static_cast<size_t>(part.data.size()))
+            == CURLE_OK;
+    } else if (built && !noteIfUnreadable(part.path)) {
+        // libcurl opens the file when it sends it and reads it in pieces.
+        built = curl_mime_filedata(mimePart, QFile::encodeName(part.path).constData()) == CURLE_OK;
+    }
+    built = built
+        && curl_mime_filename(mimePart, fileName.isEmpty() ? nullptr : fileName.constData()) == CURLE_OK;
+    built = built && curl_mime_type(mimePart, type.isEmpty() ? nullptr : type.constData()) == CURLE_OK;
+    if (!built) {
+        TREL_ERROR("Failed to build the multipart part: " << part.name);
+    }
+    return built;
+}
+
+// True when the file cannot be opened for reading; the first such file gives
+// the request's failure.
+bool HttpClientTransfer::noteIfUnreadable(const QString& path)
+{
+    QFile file(path);
+    if (file.open(QIODevice::ReadOnly)) {
+        return false;
+    }
+    if (unreadableFile.isEmpty()) {
+        unreadableFile = QStringLiteral("cannot open the file of a multipart part, %1: %2")
+                             .arg(path, file.errorString());
+    }
+    TREL_ERROR("Multipart file cannot be opened: " << path << ": " << file.errorString());
     return true;
 }
 

@@ -1,6 +1,6 @@
-// Progress for a caller's progress callback: libcurl's numbers kept as they
-// change, handed over from the event loop at most every 100 ms, and a last
-// report queued ahead of the result.
+// Bytes moving: libcurl's numbers kept as they change, handed to a caller's
+// progress callback from the event loop at most every 100 ms with a last report
+// queued ahead of the result, and the inactivity limit watched on them.
 
 #include <trel/HttpClientTransfer.h>
 
@@ -35,11 +35,11 @@ void HttpClientTransfer::setFinalProgressQueue(std::function<void(std::function<
     finalProgressQueue = std::move(queue);
 }
 
-// Without a progress callback libcurl's progress function stays off, as its
-// default: the request pays nothing for the feature.
+// Without a progress callback or an inactivity limit libcurl's progress
+// function stays off, as its default: the request pays nothing for either.
 void HttpClientTransfer::installProgressCallback()
 {
-    if (!options.progressCallback()) {
+    if (!options.progressCallback() && options.inactivityTimeoutMs() < 1) {
         return;
     }
     CURL* const handle = easy.get();
@@ -68,6 +68,10 @@ void HttpClientTransfer::noteProgress(qint64 received, qint64 receiveTotal, qint
     progress.receiveTotal = receiveTotal;
     progress.sent = sent;
     progress.sendTotal = sendTotal;
+    progress.sinceMoved.restart();
+    if (!options.progressCallback()) {
+        return;
+    }
     progress.unreported = true;
     if (progress.reportScheduled) {
         return;
@@ -120,4 +124,40 @@ void HttpClientTransfer::reportFinalProgress()
     finalProgressQueue([report = options.progressCallback(), received, receiveTotal, sent, sendTotal] {
         report(received, receiveTotal, sent, sendTotal);
     });
+}
+
+void HttpClientTransfer::setInactivityHandler(std::function<void(qint64 idleMs)> expire)
+{
+    inactivityExpired = std::move(expire);
+    inactivityTimer.setSingleShot(true);
+    connect(&inactivityTimer, &QTimer::timeout, this, [this] { checkInactivity(); });
+}
+
+// From the moment libcurl has the transfer: connecting counts as nothing moved.
+void HttpClientTransfer::startInactivityWatch()
+{
+    const int limitMs = options.inactivityTimeoutMs();
+    if (limitMs < 1 || !inactivityExpired) {
+        return;
+    }
+    progress.sinceMoved.start();
+    inactivityTimer.start(limitMs);
+}
+
+// Runs from the event loop. One timer per transfer, moved on only when it is
+// due, rather than restarted on every byte: it fires at most once per limit
+// while bytes flow.
+void HttpClientTransfer::checkInactivity()
+{
+    if (!activeMulti) {
+        return;
+    }
+    const qint64 limitMs = options.inactivityTimeoutMs();
+    const qint64 idleMs = progress.sinceMoved.elapsed();
+    if (idleMs < limitMs) {
+        inactivityTimer.start(static_cast<int>(limitMs - idleMs));
+        return;
+    }
+    TREL_DEBUG("No data moved for " << idleMs << " ms: " << trel::log::RedactedUrl { url });
+    inactivityExpired(idleMs); // ends the request through the client: timeOutInactive()
 }
