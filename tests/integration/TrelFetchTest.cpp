@@ -353,10 +353,14 @@ TEST_F(TrelFetch, UsageErrorsExitTwoAndSendNothing)
         { {}, "no URL given" },
         { { "-X", "BR EW", url("/") }, "not an HTTP method" },
         { { "-X", "PROP(FIND)", url("/") }, "not an HTTP method" },
-        { { "-X", "GET", "-d", "x", url("/") }, "need a method that sends a body" },
+        { { "-X", "GET", "-d", "x", url("/") }, "needs a method that sends a body" },
+        { { "-X", "PATCH", "-T", missing, url("/") }, "cannot read" },
         { { "-X", "PUT", "-F", "a=b", url("/") }, "POST requests only" },
         { { "-F", "novalue", url("/") }, "malformed form field" },
-        { { "-F", "a=b", "-F", "f=@" + missing, url("/") }, "only form field" },
+        { { "-F", "f=@", url("/") }, "needs a file name" },
+        { { "-F", "f=@x;size=3", url("/") }, "unknown file attribute 'size=3'" },
+        { { "-X", "DELETE", "-T", "-", url("/") }, "-T streams the file with PUT" },
+        { { "-T", "-", url("/a"), url("/b") }, "exactly one URL" },
         { { "-d", "x", "-F", "a=b", url("/") }, "choose one" },
         { { "-m", "soon", url("/") }, "--max-time needs a number of seconds" },
         { { "--connect-timeout", "0", url("/") }, "--connect-timeout needs" },
@@ -381,6 +385,33 @@ TEST_F(TrelFetch, UsageErrorsExitTwoAndSendNothing)
 
 // ---------------------------------------------------------------------------
 // The options people type by reflex, seen on the wire
+
+TEST_F(TrelFetch, CookieJarIsWrittenWithCAndReadWithB)
+{
+    QTemporaryDir dir;
+    const QString jar = dir.filePath("jar.txt");
+    EXPECT_EQ(runFetch({ "-c", jar, url("/cookies") }).exitCode, 0);
+    QFile written(jar);
+    ASSERT_TRUE(written.open(QIODevice::ReadOnly));
+    const QByteArray saved = written.readAll();
+    EXPECT_TRUE(saved.startsWith("# Netscape HTTP Cookie File\n")) << saved.constData();
+    EXPECT_TRUE(saved.contains("\ta\t1\n")) << saved.constData();
+    EXPECT_TRUE(saved.contains("\tb\t2\n")) << saved.constData();
+    server().clear();
+    EXPECT_EQ(runFetch({ "-b", jar, url("/echo") }).exitCode, 0);
+    const QByteArray sent = onlyRequest().header("Cookie");
+    EXPECT_TRUE(sent == "a=1; b=2" || sent == "b=2; a=1") << sent.constData();
+}
+
+TEST_F(TrelFetch, CookieWithAnEqualsSignIsSentAsGivenAndAMissingJarIsEmpty)
+{
+    EXPECT_EQ(runFetch({ "-b", "theme=dark; lang=en", url("/echo") }).exitCode, 0);
+    EXPECT_EQ(onlyRequest().header("Cookie"), "theme=dark; lang=en");
+    server().clear();
+    QTemporaryDir dir;
+    EXPECT_EQ(runFetch({ "-b", dir.filePath("none.txt"), url("/echo") }).exitCode, 0);
+    EXPECT_FALSE(onlyRequest().hasHeader("Cookie"));
+}
 
 TEST_F(TrelFetch, RequestMethodAndDataGoOnTheWire)
 {
@@ -440,8 +471,40 @@ TEST_F(TrelFetch, FormFileUploadsTheFileAsAFilePart)
     const RecordedRequest request = onlyRequest();
     EXPECT_EQ(request.method, "POST");
     ASSERT_EQ(request.parts.size(), 1);
-    EXPECT_EQ(request.parts[0].name, "filename"); // the library's file upload names its part so
+    EXPECT_EQ(request.parts[0].name, "doc");
+    EXPECT_EQ(request.parts[0].filename, "upload.txt");
+    EXPECT_EQ(request.parts[0].contentType, "application/octet-stream");
     EXPECT_EQ(request.parts[0].data, "file for upload\n");
+}
+
+TEST_F(TrelFetch, FormMixesFieldsAndFilesWithNamesAndTypesGiven)
+{
+    QTemporaryDir dir;
+    ASSERT_TRUE(writeFile(dir.filePath("a.json"), "{}\n"));
+    ASSERT_TRUE(writeFile(dir.filePath("b.bin"), "bytes"));
+    const FetchRun run = runFetch({ "-F", "title=two files", "-F",
+        "first=@" + dir.filePath("a.json") + ";type=application/json;filename=data.json", "-F",
+        "second=@" + dir.filePath("b.bin"), url("/echo") });
+    EXPECT_EQ(run.exitCode, 0) << run.err.constData();
+    const RecordedRequest request = onlyRequest();
+    ASSERT_EQ(request.parts.size(), 3);
+    EXPECT_EQ(request.parts[0].name, "title");
+    EXPECT_EQ(request.parts[0].data, "two files");
+    EXPECT_TRUE(request.parts[0].filename.isEmpty());
+    EXPECT_EQ(request.parts[1].filename, "data.json");
+    EXPECT_EQ(request.parts[1].contentType, "application/json");
+    EXPECT_EQ(request.parts[1].data, "{}\n");
+    EXPECT_EQ(request.parts[2].filename, "b.bin");
+    EXPECT_EQ(request.parts[2].data, "bytes");
+}
+
+TEST_F(TrelFetch, AFormFileThatCannotBeReadExits26AndSendsNothing)
+{
+    QTemporaryDir dir;
+    const FetchRun run = runFetch({ "-F", "a=b", "-F", "f=@" + dir.filePath("missing.bin"), url("/echo") });
+    EXPECT_EQ(run.exitCode, 26) << run.err.constData();
+    EXPECT_TRUE(run.err.contains("missing.bin")) << run.err.constData();
+    EXPECT_EQ(server().requestCount(), 0);
 }
 
 TEST_F(TrelFetch, UploadFilePutsTheRawFile)
@@ -453,7 +516,31 @@ TEST_F(TrelFetch, UploadFilePutsTheRawFile)
     const RecordedRequest request = onlyRequest();
     EXPECT_EQ(request.method, "PUT");
     EXPECT_EQ(request.body, content);
+    EXPECT_TRUE(request.chunked); // read as it is sent, its length never taken in advance
     EXPECT_TRUE(request.parts.isEmpty());
+}
+
+TEST_F(TrelFetch, UploadFileGoesWholeToEveryUrlAndPostsUnderXPost)
+{
+    QTemporaryDir dir;
+    QByteArray content;
+    for (int i = 0; content.size() < 3 * 1024 * 1024; ++i) { // larger than the streamer's queue
+        content += QByteArray::number(i) + '\n';
+    }
+    ASSERT_TRUE(writeFile(dir.filePath("big.txt"), content));
+    EXPECT_EQ(runFetch({ "-T", dir.filePath("big.txt"), "-o", "/dev/null", "-o", "/dev/null", url("/echo"),
+                           url("/echo") })
+                  .exitCode,
+        0);
+    ASSERT_EQ(server().requestCount(), 2);
+    for (const RecordedRequest& request : server().requests()) {
+        EXPECT_EQ(request.method, "PUT");
+        EXPECT_TRUE(request.body == content);
+    }
+    server().clear();
+    EXPECT_EQ(runFetch({ "-X", "POST", "-T", "-", url("/echo") }, "from standard input").exitCode, 0);
+    EXPECT_EQ(onlyRequest().method, "POST");
+    EXPECT_EQ(onlyRequest().body, "from standard input");
 }
 
 TEST_F(TrelFetch, StreamSendsStandardInputWhole)

@@ -258,6 +258,29 @@ QByteArray dataArgument(const QString& text, std::istream& standardInput)
     return text.startsWith('@') ? readWholeFile(text.mid(1), Option::Data) : text.toUtf8();
 }
 
+// "@PATH;filename=NAME;type=TYPE", as curl takes a file part: the attributes
+// are optional and in any order; the file is opened when it is sent.
+void addFormFile(const QString& name, const QString& spec, HttpClientMultipart& form)
+{
+    const QStringList pieces = spec.mid(1).split(';');
+    QString fileName;
+    QString type;
+    for (const QString& attribute : pieces.mid(1)) {
+        if (attribute.startsWith("filename=")) {
+            fileName = attribute.mid(9);
+        } else if (attribute.startsWith("type=")) {
+            type = attribute.mid(5);
+        } else {
+            fail(QString("-F %1: unknown file attribute '%2' (filename= and type= are known)")
+                     .arg(name, attribute));
+        }
+    }
+    if (pieces.first().isEmpty()) {
+        fail(QString("-F %1=@ needs a file name").arg(name));
+    }
+    form.addFile(name, pieces.first(), fileName, type);
+}
+
 void readForm(const QStringList& fields, FetchConfig& config)
 {
     for (const QString& field : fields) {
@@ -265,18 +288,26 @@ void readForm(const QStringList& fields, FetchConfig& config)
         if (equals <= 0) {
             fail(QString("malformed form field '%1': expected NAME=VALUE or NAME=@FILE").arg(field));
         }
+        const QString name = field.left(equals);
         const QString value = field.mid(equals + 1);
         if (value.startsWith('@')) {
-            if (fields.size() != 1) {
-                fail("-F NAME=@FILE uploads one file and must be the only form field");
-            }
-            config.bodyKind = BodyKind::FormFile;
-            config.data = readWholeFile(value.mid(1), Option::Form);
-            return;
+            addFormFile(name, value, config.form);
+        } else {
+            config.form.addField(name, value);
         }
-        config.formFields.append({ field.left(equals), value });
     }
     config.bodyKind = BodyKind::Form;
+}
+
+// Checked now, so a typo is a usage error; read only while it is sent.
+void readUploadFile(const QString& path, FetchConfig& config)
+{
+    QFile file(path);
+    if (path != "-" && !file.open(QIODevice::ReadOnly)) {
+        fail(QString("%1: cannot read '%2': %3").arg(longForm(Option::UploadFile), path, file.errorString()));
+    }
+    config.bodyKind = BodyKind::UploadFile;
+    config.uploadFile = path;
 }
 
 void readBody(const ParsedArguments& parsed, std::istream& standardInput, FetchConfig& config)
@@ -294,8 +325,7 @@ void readBody(const ParsedArguments& parsed, std::istream& standardInput, FetchC
         }
         config.data = parts.join('&');
     } else if (parsed.isSet(Option::UploadFile)) {
-        config.bodyKind = BodyKind::Data;
-        config.data = readWholeFile(parsed.value(Option::UploadFile), Option::UploadFile);
+        readUploadFile(parsed.value(Option::UploadFile), config);
     } else if (parsed.isSet(Option::Form)) {
         readForm(parsed.values(Option::Form), config);
     } else if (parsed.isSet(Option::Stream)) {
@@ -314,12 +344,24 @@ void readMethod(const ParsedArguments& parsed, FetchConfig& config)
         : implied;
     const bool readOnly = config.method == HttpClient::Get || config.method == HttpClient::Head;
     if (config.bodyKind == BodyKind::Data && readOnly) {
-        fail("-d and -T need a method that sends a body: POST, PUT, DELETE or PATCH");
+        fail("-d needs a method that sends a body: POST, PUT, DELETE or PATCH");
     }
-    if (config.bodyKind != BodyKind::None && config.bodyKind != BodyKind::Data
+    if (config.bodyKind == BodyKind::UploadFile
+        && (!config.customVerb.isEmpty()
+            || (config.method != HttpClient::Put && config.method != HttpClient::Post))) {
+        fail("-T streams the file with PUT, or with POST under -X POST");
+    }
+    if ((config.bodyKind == BodyKind::Form || config.bodyKind == BodyKind::Stream)
         && config.method != HttpClient::Post) {
         fail("-F and --stream send POST requests only");
     }
+}
+
+// A body read from standard input as it is sent goes out once.
+bool streamsStandardInput(const FetchConfig& config)
+{
+    return config.bodyKind == BodyKind::Stream
+        || (config.bodyKind == BodyKind::UploadFile && config.uploadFile == "-");
 }
 
 void readTlsTrust(const ParsedArguments& parsed, HttpClientOptions& options)
@@ -353,6 +395,25 @@ void readProxy(const ParsedArguments& parsed, FetchConfig& config)
     }
 }
 
+// As with curl: -b NAME=VALUE is a Cookie header, -b FILE fills the jar from a
+// cookie file, and either -b FILE or -c FILE turns the jar on.
+void readCookies(const ParsedArguments& parsed, FetchConfig& config)
+{
+    const QString cookie = parsed.value(Option::Cookie);
+    if (cookie.contains('=')) {
+        HttpClientHeaders headers = config.options.headers();
+        headers.insert("Cookie", cookie);
+        config.options.setHeaders(headers);
+    } else if (parsed.isSet(Option::Cookie)) {
+        config.cookiesEnabled = true;
+        config.cookieFile = cookie;
+    }
+    if (parsed.isSet(Option::CookieJar)) {
+        config.cookiesEnabled = true;
+        config.cookieJar = parsed.value(Option::CookieJar);
+    }
+}
+
 void readRequestOptions(const ParsedArguments& parsed, FetchConfig& config)
 {
     HttpClientOptions& options = config.options;
@@ -362,7 +423,7 @@ void readRequestOptions(const ParsedArguments& parsed, FetchConfig& config)
         options.setTimeoutMs(parseSecondsAsMs(parsed, Option::MaxTime));
     }
     if (parsed.isSet(Option::ConnectTimeout)) {
-        config.connectTimeoutMs = parseSecondsAsMs(parsed, Option::ConnectTimeout);
+        options.setConnectTimeoutMs(parseSecondsAsMs(parsed, Option::ConnectTimeout));
     }
     if (parsed.isSet(Option::MaxFilesize)) {
         config.maxFilesize
@@ -388,6 +449,7 @@ void readRequestOptions(const ParsedArguments& parsed, FetchConfig& config)
     options.setVerifyPeer(!parsed.isSet(Option::Insecure));
     readTlsTrust(parsed, options);
     readProxy(parsed, config);
+    readCookies(parsed, config);
 }
 
 void readOutputOptions(const ParsedArguments& parsed, FetchConfig& config)
@@ -450,12 +512,12 @@ void readUrls(const ParsedArguments& parsed, FetchConfig& config)
         fail("standard input holds one URL list: give - or --url-file - once");
     }
     if (standardInputUses == 1
-        && (config.bodyKind == BodyKind::Stream || parsed.values(Option::Data).contains("@-"))) {
+        && (streamsStandardInput(config) || parsed.values(Option::Data).contains("@-"))) {
         fail("standard input cannot hold both the URL list and the request body");
     }
-    if (config.bodyKind == BodyKind::Stream
+    if (streamsStandardInput(config)
         && (config.urls.size() != 1 || !config.urlFile.isEmpty() || config.repeat != 1)) {
-        fail("--stream sends standard input once: give exactly one URL and no --repeat");
+        fail("--stream and -T - send standard input once: give exactly one URL and no --repeat");
     }
     if (config.outputs.size() > config.urls.size()) {
         fail("more -o/-O than URLs: each -o or -O names the output of one URL, in order");

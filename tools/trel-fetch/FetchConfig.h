@@ -23,9 +23,9 @@ namespace trelfetch {
 enum class BodyKind
 {
     None,
-    Data, // -d or -T: bytes sent with the chosen method
-    Form, // -F NAME=VALUE: a multipart form (POST)
-    FormFile, // -F NAME=@FILE: the library's file upload (POST)
+    Data, // -d: bytes sent with the chosen method
+    Form, // -F: a multipart form of fields and files, each file read as it is sent (POST)
+    UploadFile, // -T: a file (or - for standard input) read as it is sent (PUT or POST)
     Stream, // --stream: standard input fed through a queue (POST)
 };
 
@@ -61,10 +61,13 @@ struct FetchConfig
     HttpClient::HttpMethod method = HttpClient::Get;
     QByteArray customVerb; // -X with a method of no operation of its own (PROPFIND...): sent as given
     BodyKind bodyKind = BodyKind::None;
-    QByteArray data; // -d, -T, or the file of -F NAME=@FILE
-    QList<QPair<QString, QString>> formFields; // -F
+    QByteArray data; // -d
+    HttpClientMultipart form; // -F
+    QString uploadFile; // -T; "-" is standard input
     HttpClientOptions options; // everything that maps onto one request's options
-    int connectTimeoutMs = 0; // 0: none
+    bool cookiesEnabled = false; // -b FILE or -c: the client's cookie jar
+    QString cookieFile; // -b FILE: read into the jar first (a missing file reads as empty)
+    QString cookieJar; // -c FILE: the jar is written there at the end
     bool proxyChosen = false; // -x or --noproxy: the environment no longer decides
     QString proxy; // with proxyChosen: the proxy's URL, or empty for none
 

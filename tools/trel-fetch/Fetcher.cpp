@@ -1,10 +1,15 @@
 #include "Fetcher.h"
 
 #include <QDir>
+#include <QFile>
 #include <QFileInfo>
 #include <QUrl>
 
+#include <cerrno>
+#include <cstring>
 #include <limits>
+
+#include <fcntl.h>
 
 namespace trelfetch {
 namespace {
@@ -70,10 +75,14 @@ Fetcher::Fetcher(const FetchConfig& config, Reporter& reporter, QObject* parent)
     : QObject(parent)
     , config(config)
     , reporter(reporter)
-    , streamer(config.bodyKind == BodyKind::Stream ? std::make_unique<StdinStreamer>() : nullptr)
+    , streamer(config.bodyKind == BodyKind::Stream
+                  || (config.bodyKind == BodyKind::UploadFile && config.uploadFile == "-")
+              ? std::make_unique<StdinStreamer>()
+              : nullptr)
     , client(nullptr, config.version)
 {
     client.setCacheSize(config.cacheSize);
+    loadCookies();
     if (config.proxyChosen) {
         client.setProxy(config.proxy);
     }
@@ -189,8 +198,16 @@ void Fetcher::launch(int jobIndex)
         failLater(token, failure);
         return;
     }
+    if (config.bodyKind == BodyKind::UploadFile && !streamer) {
+        transfer.upload = openUpload(failure);
+        if (failure.failed()) {
+            failLater(token, failure);
+            return;
+        }
+    }
     transfer.requestUrl = url;
-    transfer.id = send(url, [this, token](const HttpClientResult& result) { onResult(token, result); });
+    transfer.id
+        = send(url, transfer, [this, token](const HttpClientResult& result) { onResult(token, result); });
     if (!transfer.id) {
         if (config.method == HttpClient::Get && config.cacheSize > 0) {
             transfer.cached = true; // a GET answered without a transfer comes from the cache
@@ -207,17 +224,19 @@ void Fetcher::launch(int jobIndex)
             }
         });
     }
-    if (config.connectTimeoutMs > 0) {
-        QTimer::singleShot(config.connectTimeoutMs, this, [this, token] {
-            const auto found = transfers.find(token);
-            // Anything from the server (header lines included) shows the connection stands.
-            if (found != transfers.end() && found->second.firstByteMs < 0 && found->second.id) {
-                abort(found->second,
-                    { exitcode::kTimeout,
-                        QString("Connection timed out after %1 milliseconds").arg(config.connectTimeoutMs) });
-            }
-        });
+}
+
+// Each request reads the file afresh, so several URLs or rounds all get it whole.
+std::unique_ptr<StdinStreamer> Fetcher::openUpload(Outcome& failure) const
+{
+    const int fd = ::open(QFile::encodeName(config.uploadFile).constData(), O_RDONLY | O_CLOEXEC);
+    if (fd < 0) {
+        failure = { exitcode::kRead,
+            QString("cannot read '%1': %2")
+                .arg(config.uploadFile, QString::fromLocal8Bit(std::strerror(errno))) };
+        return nullptr;
     }
+    return std::make_unique<StdinStreamer>(fd, true);
 }
 
 // Standard output unless an output file was asked for; a file that exists
@@ -253,7 +272,14 @@ std::unique_ptr<BodySink> Fetcher::sinkFor(const Job& job, Outcome& failure) con
     return std::make_unique<FileSink>(path, config.clobber, config.createDirs);
 }
 
-void* Fetcher::send(const TrelUrl& url, HttpClient::Callback callback)
+void* Fetcher::sendStreamed(const TrelUrl& url, const QSharedPointer<HttpClientQueue>& queue,
+    const HttpClientOptions& options, HttpClient::Callback callback)
+{
+    return config.method == HttpClient::Put ? client.putStream(url, queue, options, std::move(callback))
+                                            : client.postStream(url, queue, options, std::move(callback));
+}
+
+void* Fetcher::send(const TrelUrl& url, const Transfer& transfer, HttpClient::Callback callback)
 {
     HttpClientOptions options = config.options;
     // Bodies are written as they arrive; only the cache needs them whole.
@@ -265,9 +291,10 @@ void* Fetcher::send(const TrelUrl& url, HttpClient::Callback callback)
             : -1);
     switch (config.bodyKind) {
     case BodyKind::Form:
-        return client.postForm(url, config.formFields, options, std::move(callback));
-    case BodyKind::FormFile:
-        return client.postFile(url, config.data, options, std::move(callback));
+        return client.postMultipart(url, config.form, options, std::move(callback));
+    case BodyKind::UploadFile:
+        return sendStreamed(url, transfer.upload ? transfer.upload->queue() : streamer->queue(), options,
+            std::move(callback));
     case BodyKind::Stream:
         return client.postStream(url, streamer->queue(), options, std::move(callback));
     case BodyKind::None:
@@ -553,6 +580,7 @@ void Fetcher::finish(bool interrupted)
     finishing = true;
     progressTimer.stop();
     pushQuietTimer.stop();
+    saveCookies();
     reporter.summary(totals, wallClock.nsecsElapsed() / 1000, interrupted);
     emit finished();
 }
@@ -599,6 +627,34 @@ void Fetcher::showProgress()
     const double seconds = static_cast<double>(wallClock.nsecsElapsed()) / 1e9;
     snapshot.bytesPerSecond = seconds > 0 ? static_cast<double>(bytesEver) / seconds : 0;
     reporter.progress(snapshot);
+}
+
+// As curl does, a cookie file that does not exist yet is an empty jar.
+void Fetcher::loadCookies()
+{
+    if (!config.cookiesEnabled) {
+        return;
+    }
+    client.setCookiesEnabled(true);
+    QFile file(config.cookieFile);
+    if (!config.cookieFile.isEmpty() && file.open(QIODevice::ReadOnly)) {
+        client.setCookies(file.readAll());
+    }
+}
+
+// A jar that cannot be written costs the cookies, not the transfers: a
+// message, as curl's warning.
+void Fetcher::saveCookies()
+{
+    if (config.cookieJar.isEmpty()) {
+        return;
+    }
+    QFile file(config.cookieJar);
+    const QByteArray jar = client.cookies();
+    if (!file.open(QIODevice::WriteOnly | QIODevice::Truncate) || file.write(jar) != jar.size()) {
+        reporter.message(
+            QString("cannot save cookies to '%1': %2").arg(config.cookieJar, file.errorString()));
+    }
 }
 
 } // namespace trelfetch

@@ -76,6 +76,7 @@ private:
         int code = -1;
         HttpClientHeaders headers;
         std::unique_ptr<BodySink> sink; // null: the body goes nowhere
+        std::unique_ptr<StdinStreamer> upload; // -T FILE: this request's reader of the file
         std::optional<Outcome> localFailure; // decided by the tool, not the library
     };
 
@@ -86,7 +87,12 @@ private:
     void launchMore();
     void launch(int jobIndex);
     std::unique_ptr<BodySink> sinkFor(const Job& job, Outcome& failure) const;
-    void* send(const TrelUrl& url, HttpClient::Callback callback);
+    std::unique_ptr<StdinStreamer> openUpload(Outcome& failure) const;
+    void* send(const TrelUrl& url, const Transfer& transfer, HttpClient::Callback callback);
+    void* sendStreamed(const TrelUrl& url, const QSharedPointer<HttpClientQueue>& queue,
+        const HttpClientOptions& options, HttpClient::Callback callback);
+    void loadCookies();
+    void saveCookies();
     void failLater(int token, const Outcome& failure);
     void onResult(int token, const HttpClientResult& result);
     void receive(Transfer& transfer, const HttpClientResult& result);

@@ -98,10 +98,10 @@ const QList<OptionSpec>& optionTable()
             "Send DATA as the body (POST unless -X says otherwise); @FILE sends a file's contents, @- "
             "standard input. Several -d are joined with &." },
         { Option::Form, 'F', "form", ValueKind::Required, "NAME=VALUE",
-            "Add a multipart form field (repeatable; POST). NAME=@FILE uploads FILE with the library's file "
-            "upload, as the only field." },
+            "Add a multipart form field (repeatable; POST). NAME=@FILE[;filename=NAME][;type=TYPE] adds "
+            "FILE as a file part, read from disk as it is sent." },
         { Option::UploadFile, 'T', "upload-file", ValueKind::Required, "FILE",
-            "PUT the raw contents of FILE." },
+            "PUT the raw contents of FILE (- for standard input), read as it is sent; -X POST posts them." },
         { Option::Stream, {}, "stream", ValueKind::None, {},
             "POST standard input as it is read, with unknown length." },
         { Option::Location, 'L', "location", ValueKind::None, {}, "Follow redirects." },
@@ -128,11 +128,16 @@ const QList<OptionSpec>& optionTable()
         { Option::NoProxy, {}, "noproxy", ValueKind::Required, "'*'",
             "With '*', send every request directly, whatever the environment's proxy variables say "
             "(no other list is supported)." },
+        { Option::Cookie, 'b', "cookie", ValueKind::Required, "DATA|FILE",
+            "Send the cookies NAME=VALUE[; NAME=VALUE...] as given, or turn the cookie jar on and fill "
+            "it from the Netscape cookie FILE (a missing file is an empty jar)." },
+        { Option::CookieJar, 'c', "cookie-jar", ValueKind::Required, "FILE",
+            "Turn the cookie jar on and write it to FILE, in the Netscape cookie format, at the end." },
         { Option::MaxTime, 'm', "max-time", ValueKind::Required, "SECONDS",
             "Give up on a request after SECONDS (fractions allowed)." },
         { Option::ConnectTimeout, {}, "connect-timeout", ValueKind::Required, "SECONDS",
-            "Give up on a request that has heard nothing from its server after SECONDS (fractions "
-            "allowed)." },
+            "Give up on a request that has not connected to its server (TCP and TLS) after SECONDS "
+            "(fractions allowed)." },
         { Option::Silent, 's', "silent", ValueKind::None, {}, "No progress line and no error messages." },
         { Option::ShowError, 'S', "show-error", ValueKind::None, {}, "With -s, still print error messages." },
         { Option::Fail, 'f', "fail", ValueKind::None, {},
@@ -222,6 +227,7 @@ const QList<ExitCode>& exitCodes()
         { 7, "could not connect to the server" },
         { 22, "HTTP status 400 or above, with --fail" },
         { 23, "an output file could not be written, or exists and --clobber was not given" },
+        { 26, "a file to send (-F NAME=@FILE, -T FILE) could not be read" },
         { 28, "timeout (--max-time or --connect-timeout)" },
         { 35, "TLS handshake or certificate failure" },
         { 42, "cancelled by --cancel-after" },

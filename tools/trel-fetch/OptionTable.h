@@ -50,6 +50,8 @@ enum class Option
     Key,
     Proxy,
     NoProxy,
+    Cookie,
+    CookieJar,
     MaxTime,
     ConnectTimeout,
     Silent,

@@ -41,6 +41,9 @@ int exitCodeOfError(int code)
     if (code == CURLE_URL_MALFORMAT) {
         return exitcode::kMalformedUrl;
     }
+    if (code == CURLE_READ_ERROR) {
+        return exitcode::kRead;
+    }
     if (code == CURLE_RECV_ERROR || code == CURLE_SEND_ERROR || code == CURLE_PARTIAL_FILE) {
         return exitcode::kReceive;
     }

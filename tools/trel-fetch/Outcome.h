@@ -19,6 +19,7 @@ constexpr int kResolve = 6;
 constexpr int kConnect = 7;
 constexpr int kHttpError = 22;
 constexpr int kWrite = 23;
+constexpr int kRead = 26;
 constexpr int kTimeout = 28;
 constexpr int kTls = 35;
 constexpr int kCancelled = 42;

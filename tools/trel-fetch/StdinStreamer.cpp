@@ -4,6 +4,8 @@
 
 #include <QByteArray>
 
+#include <unistd.h>
+
 #include <vector>
 
 namespace trelfetch {
@@ -12,20 +14,29 @@ namespace {
 // What one read of standard input takes at most; any size works, since empty
 // or exactly consumed chunks never end the upload.
 constexpr int kChunkSize = 64 * 1024;
+// What the queue holds at most before the thread waits: a few chunks ahead of
+// the connection, never the whole input.
+constexpr qint64 kQueueCapacity = 16 * kChunkSize;
 
 } // namespace
 
-StdinStreamer::StdinStreamer(int fd)
+StdinStreamer::StdinStreamer(int fd, bool ownsFd)
     : fd(fd)
+    , ownsFd(ownsFd)
     , queue_(QSharedPointer<HttpClientQueue>::create())
-    , producer([this] { run(); })
-{ }
+{
+    queue_->setCapacity(kQueueCapacity);
+    producer = std::thread([this] { run(); });
+}
 
 StdinStreamer::~StdinStreamer()
 {
     stopping = true;
+    queue_->close(); // wakes the thread if it waits for room
     producer.join();
-    queue_->close();
+    if (ownsFd) {
+        ::close(fd);
+    }
 }
 
 // Runs on the producer thread.
