@@ -221,4 +221,23 @@ TEST_F(TrelFetchTerminal, ProgressCountsFinishedTransfersAndEndsWithASummary)
     EXPECT_EQ(filesIn(output.path()), (QStringList { "5000", "drip" }));
 }
 
+TEST_F(TrelFetchTerminal, ProgressBarFillsFromTheLibrarysReports)
+{
+    QTemporaryDir output;
+    QTemporaryDir temporary;
+    TmuxSession tmux;
+    ASSERT_TRUE(tmux.isStarted()) << tmux.screen().toStdString();
+    tmux.type(fetchCommand(temporary.path(), { "-#", "-o", output.filePath("drip.bin"), url("/drip") }));
+    // Part of the 1500 bytes in: some '#' and a share below 100%.
+    const QRegularExpression partway(R"(#+ +\d{1,2}\.\d%)");
+    EXPECT_TRUE(tmux.waitForScreen([&partway](const QString& screen) {
+        return partway.match(screen).hasMatch();
+    })) << tmux.screen().toStdString();
+    const std::optional<int> status = tmux.waitForExit();
+    ASSERT_TRUE(status.has_value()) << tmux.screen().toStdString();
+    EXPECT_EQ(*status, 0);
+    EXPECT_TRUE(tmux.screen().contains("trel-fetch: 1 request, 0 failed, 1500 bytes in "))
+        << tmux.screen().toStdString();
+}
+
 } // namespace

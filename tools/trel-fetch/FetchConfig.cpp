@@ -476,6 +476,7 @@ void readRunOptions(const ParsedArguments& parsed, FetchConfig& config)
 {
     const long long intMax = std::numeric_limits<int>::max();
     config.version = parsed.isSet(Option::Http2) ? HttpClient::Http2 : HttpClient::Http1;
+    config.progressBar = parsed.isSet(Option::ProgressBar);
     config.silent = parsed.isSet(Option::Silent);
     config.showError = parsed.isSet(Option::ShowError);
     config.failOnHttpError = parsed.isSet(Option::Fail);

@@ -71,6 +71,7 @@ struct FetchConfig
     bool proxyChosen = false; // -x or --noproxy: the environment no longer decides
     QString proxy; // with proxyChosen: the proxy's URL, or empty for none
 
+    bool progressBar = false; // -#
     bool silent = false;
     bool showError = false;
     bool failOnHttpError = false;

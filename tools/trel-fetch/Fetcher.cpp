@@ -207,7 +207,7 @@ void Fetcher::launch(int jobIndex)
     }
     transfer.requestUrl = url;
     transfer.id
-        = send(url, transfer, [this, token](const HttpClientResult& result) { onResult(token, result); });
+        = send(url, token, [this, token](const HttpClientResult& result) { onResult(token, result); });
     if (!transfer.id) {
         if (config.method == HttpClient::Get && config.cacheSize > 0) {
             transfer.cached = true; // a GET answered without a transfer comes from the cache
@@ -279,9 +279,30 @@ void* Fetcher::sendStreamed(const TrelUrl& url, const QSharedPointer<HttpClientQ
                                             : client.postStream(url, queue, options, std::move(callback));
 }
 
-void* Fetcher::send(const TrelUrl& url, const Transfer& transfer, HttpClient::Callback callback)
+// The library reports from the event loop; a request that has ended is gone
+// from the table, and its last report with it.
+HttpClientOptions::ProgressCallback Fetcher::progressOf(int token)
 {
+    return [this, token](qint64 received, qint64 receiveTotal, qint64 sent, qint64 sendTotal) {
+        const auto found = transfers.find(token);
+        if (found == transfers.end()) {
+            return;
+        }
+        found->second.moved = received + sent;
+        const bool sends = config.bodyKind != BodyKind::None;
+        found->second.toMove = receiveTotal < 0 || (sends && sendTotal < 0)
+            ? -1
+            : receiveTotal + std::max<qint64>(sendTotal, 0);
+    };
+}
+
+void* Fetcher::send(const TrelUrl& url, int token, HttpClient::Callback callback)
+{
+    const Transfer& transfer = transfers.at(token);
     HttpClientOptions options = config.options;
+    if (config.progressBar) {
+        options.setProgressCallback(progressOf(token));
+    }
     // Bodies are written as they arrive; only the cache needs them whole.
     const bool whole = config.cacheSize > 0;
     options.setImmediateRead(!whole);
@@ -616,14 +637,21 @@ void Fetcher::showProgress()
     ProgressSnapshot snapshot;
     snapshot.inFlight = static_cast<int>(transfers.size());
     snapshot.done = totals.requests;
-    bool allKnown = !transfers.empty();
+    snapshot.bar = config.progressBar;
+    bool allExpected = !transfers.empty();
+    bool allSized = !transfers.empty();
     std::int64_t expected = 0;
+    std::int64_t toMove = 0;
     for (const auto& [token, transfer] : transfers) {
         snapshot.inFlightReceived += transfer.received;
-        allKnown = allKnown && transfer.expected > 0;
+        allExpected = allExpected && transfer.expected > 0;
         expected += std::max<std::int64_t>(transfer.expected, 0);
+        snapshot.moved += transfer.moved;
+        allSized = allSized && transfer.toMove > 0;
+        toMove += std::max<std::int64_t>(transfer.toMove, 0);
     }
-    snapshot.inFlightExpected = allKnown ? expected : -1;
+    snapshot.inFlightExpected = allExpected ? expected : -1;
+    snapshot.toMove = allSized ? toMove : -1;
     const double seconds = static_cast<double>(wallClock.nsecsElapsed()) / 1e9;
     snapshot.bytesPerSecond = seconds > 0 ? static_cast<double>(bytesEver) / seconds : 0;
     reporter.progress(snapshot);

@@ -69,6 +69,8 @@ private:
         std::int64_t firstByteMs = -1;
         std::int64_t received = 0;
         std::int64_t expected = -1; // Content-Length, when announced
+        std::int64_t moved = 0; // -#: sent and received, from the library's progress reports
+        std::int64_t toMove = -1; // -#: both lengths together; -1 while one is unknown
         bool responseSeen = false;
         bool dropBody = false; // -f and an HTTP error: the body goes nowhere
         bool cached = false;
@@ -88,7 +90,8 @@ private:
     void launch(int jobIndex);
     std::unique_ptr<BodySink> sinkFor(const Job& job, Outcome& failure) const;
     std::unique_ptr<StdinStreamer> openUpload(Outcome& failure) const;
-    void* send(const TrelUrl& url, const Transfer& transfer, HttpClient::Callback callback);
+    void* send(const TrelUrl& url, int token, HttpClient::Callback callback);
+    HttpClientOptions::ProgressCallback progressOf(int token);
     void* sendStreamed(const TrelUrl& url, const QSharedPointer<HttpClientQueue>& queue,
         const HttpClientOptions& options, HttpClient::Callback callback);
     void loadCookies();

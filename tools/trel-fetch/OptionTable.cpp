@@ -138,6 +138,9 @@ const QList<OptionSpec>& optionTable()
         { Option::ConnectTimeout, {}, "connect-timeout", ValueKind::Required, "SECONDS",
             "Give up on a request that has not connected to its server (TCP and TLS) after SECONDS "
             "(fractions allowed)." },
+        { Option::ProgressBar, '#', "progress-bar", ValueKind::None, {},
+            "Show the progress line as a bar of the bytes sent and received, from the library's "
+            "progress reports." },
         { Option::Silent, 's', "silent", ValueKind::None, {}, "No progress line and no error messages." },
         { Option::ShowError, 'S', "show-error", ValueKind::None, {}, "With -s, still print error messages." },
         { Option::Fail, 'f', "fail", ValueKind::None, {},

@@ -54,6 +54,7 @@ enum class Option
     CookieJar,
     MaxTime,
     ConnectTimeout,
+    ProgressBar,
     Silent,
     ShowError,
     Fail,

@@ -195,8 +195,29 @@ QString Reporter::summaryLine(const Totals& totals, std::int64_t elapsedUs, bool
     return line;
 }
 
+// As curl's -# draws it: a bar of '#' and the share done, or the bytes moved
+// while a length is unknown.
+QString Reporter::progressBar(const ProgressSnapshot& snapshot)
+{
+    constexpr int kBarWidth = 50;
+    if (snapshot.toMove <= 0) {
+        return QString("%1 moved, %2 in flight, %3 done")
+            .arg(size(static_cast<double>(snapshot.moved)))
+            .arg(snapshot.inFlight)
+            .arg(snapshot.done);
+    }
+    const double share
+        = std::min(1.0, static_cast<double>(snapshot.moved) / static_cast<double>(snapshot.toMove));
+    const int filled = static_cast<int>(share * kBarWidth);
+    return QString(filled, '#') + QString(kBarWidth - filled, ' ')
+        + QString(" %1%").arg(100.0 * share, 5, 'f', 1);
+}
+
 QString Reporter::progressLine(const ProgressSnapshot& snapshot)
 {
+    if (snapshot.bar) {
+        return progressBar(snapshot);
+    }
     QString line = QString("%1 received, %2 in flight, %3 done, %4/s")
                        .arg(size(static_cast<double>(snapshot.inFlightReceived)))
                        .arg(snapshot.inFlight)

@@ -53,6 +53,9 @@ struct ProgressSnapshot
     std::int64_t inFlightReceived = 0; // bytes received by the transfers in flight
     std::int64_t inFlightExpected = -1; // their announced sizes; -1 unless all are known
     double bytesPerSecond = 0;
+    bool bar = false; // -#: the line is a bar of the bytes below
+    std::int64_t moved = 0; // bytes sent and received by the transfers in flight, as the library reports them
+    std::int64_t toMove = -1; // what they will move in all; -1 unless every length is known
 };
 
 // "HTTP/2" or "HTTP/1.1": the protocol a response with these fields came over.
@@ -82,6 +85,7 @@ public:
     static QString jsonLine(const ResultRecord& record);
     static QString summaryLine(const Totals& totals, std::int64_t elapsedUs, bool interrupted);
     static QString progressLine(const ProgressSnapshot& snapshot);
+    static QString progressBar(const ProgressSnapshot& snapshot);
 
 private:
     void writeLine(std::FILE* stream, const QString& line);
