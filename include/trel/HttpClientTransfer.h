@@ -287,6 +287,7 @@ private:
     void reportProgress();
     void reportFinalProgress();
     void startInactivityWatch();
+    void stopInactivityWatch();
     void checkInactivity();
     void reportCompletion(
         HttpClientStatus status, long code, const QByteArray& body, const HttpClientHeaders& headers);
@@ -328,6 +329,8 @@ private:
     };
     Progress progress;
     std::function<void(std::function<void()>)> finalProgressQueue;
-    QTimer inactivityTimer; // single shot, due when the limit could run out
+    // Single shot, due when the limit could run out; made only for a request
+    // with a limit, since a QObject per request is not free.
+    std::unique_ptr<QTimer> inactivityTimer;
     std::function<void(qint64 idleMs)> inactivityExpired;
 };

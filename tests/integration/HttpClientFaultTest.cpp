@@ -9,7 +9,7 @@
 
 #include "LocalServers.h"
 #include "LoopbackServer.h"
-#include "PeakResident.h"
+#include "ProcessState.h"
 #include "ResultReceiver.h"
 #include "SocketCount.h"
 #include "WaitFor.h"

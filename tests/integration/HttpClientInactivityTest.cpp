@@ -42,6 +42,13 @@ HttpClientOptions withInactivityLimit(int limitMs)
     return options;
 }
 
+ScriptedResponse neverAnswered()
+{
+    ScriptedResponse response;
+    response.fault = ScriptedResponse::Fault::Stall;
+    return response;
+}
+
 void expectInactivityTimeout(const HttpClientResult& result)
 {
     EXPECT_EQ(result.status, HttpClientStatus::Timeout);
@@ -78,11 +85,7 @@ TEST(HttpClientInactivity, AResponseThatStopsMidwayEndsAsTimeoutWithWhatArrived)
 TEST(HttpClientInactivity, AResponseThatNeverStartsEndsAsTimeout)
 {
     LoopbackServer server;
-    server.setHandler([](const RecordedRequest&) {
-        ScriptedResponse response;
-        response.fault = ScriptedResponse::Fault::Stall;
-        return response;
-    });
+    server.setHandler([](const RecordedRequest&) { return neverAnswered(); });
     ASSERT_TRUE(server.start());
     HttpClient client;
     Results results;
@@ -150,9 +153,7 @@ TEST(HttpClientInactivity, TheNextWaitingRequestTakesTheInactivePlace)
     LoopbackServer server;
     server.setHandler([](const RecordedRequest& request) {
         if (request.target == "/silent") {
-            ScriptedResponse response;
-            response.fault = ScriptedResponse::Fault::Stall;
-            return response;
+            return neverAnswered();
         }
         return ScriptedResponse::ok("next");
     });

@@ -7,7 +7,7 @@
 
 #include "LocalServers.h"
 #include "LoopbackServer.h"
-#include "PeakResident.h"
+#include "ProcessState.h"
 #include "ResultReceiver.h"
 #include "WaitFor.h"
 

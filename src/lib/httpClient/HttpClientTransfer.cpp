@@ -180,7 +180,7 @@ void HttpClientTransfer::finish(CURLMsg* message)
     reportFinalProgress();
     curl_multi_remove_handle(activeMulti, easy.get());
     activeMulti = nullptr;
-    inactivityTimer.stop();
+    stopInactivityWatch();
     endUploadStream();
     reportCompletion(status, code, receiveBuffer.body, headers);
 }
@@ -215,7 +215,7 @@ void HttpClientTransfer::cancel()
     }
     curl_multi_remove_handle(activeMulti, easy.get());
     activeMulti = nullptr;
-    inactivityTimer.stop();
+    stopInactivityWatch();
     endUploadStream();
     reportCompletion(HttpClientStatus::Error, -1, QByteArray(), HttpClientHeaders());
 }

@@ -129,19 +129,27 @@ void HttpClientTransfer::reportFinalProgress()
 void HttpClientTransfer::setInactivityHandler(std::function<void(qint64 idleMs)> expire)
 {
     inactivityExpired = std::move(expire);
-    inactivityTimer.setSingleShot(true);
-    connect(&inactivityTimer, &QTimer::timeout, this, [this] { checkInactivity(); });
+    inactivityTimer = std::make_unique<QTimer>();
+    inactivityTimer->setSingleShot(true);
+    connect(inactivityTimer.get(), &QTimer::timeout, this, [this] { checkInactivity(); });
 }
 
 // From the moment libcurl has the transfer: connecting counts as nothing moved.
 void HttpClientTransfer::startInactivityWatch()
 {
     const int limitMs = options.inactivityTimeoutMs();
-    if (limitMs < 1 || !inactivityExpired) {
+    if (limitMs < 1 || !inactivityTimer) {
         return;
     }
     progress.sinceMoved.start();
-    inactivityTimer.start(limitMs);
+    inactivityTimer->start(limitMs);
+}
+
+void HttpClientTransfer::stopInactivityWatch()
+{
+    if (inactivityTimer) {
+        inactivityTimer->stop();
+    }
 }
 
 // Runs from the event loop. One timer per transfer, moved on only when it is
@@ -155,7 +163,7 @@ void HttpClientTransfer::checkInactivity()
     const qint64 limitMs = options.inactivityTimeoutMs();
     const qint64 idleMs = progress.sinceMoved.elapsed();
     if (idleMs < limitMs) {
-        inactivityTimer.start(static_cast<int>(limitMs - idleMs));
+        inactivityTimer->start(static_cast<int>(limitMs - idleMs));
         return;
     }
     TREL_DEBUG("No data moved for " << idleMs << " ms: " << trel::log::RedactedUrl { url });
