@@ -113,7 +113,9 @@ public:
     /// Whether the server's TLS certificate is verified (the default, true).
     /// false skips the check that the certificate chain is trusted (a
     /// self-signed certificate passes), and also lets libcurl pick any HTTP
-    /// authentication method the server offers; meant for test servers only.
+    /// authentication method the server offers for a URL with user
+    /// information (without it there is nothing to authenticate with); meant
+    /// for test servers only.
     void setVerifyPeer(bool verifyPeer);
     /// Whether the server's TLS certificate is verified.
     bool verifyPeer() const;

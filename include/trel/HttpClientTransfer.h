@@ -279,6 +279,7 @@ private:
     void resumeReception();
     void configure(int httpVersion);
     void configureTlsTrust();
+    bool urlCarriesCredentials() const;
     void installReceiveCallbacks();
     void installProgressCallback();
     bool addMimePart(curl_mime* mime, const HttpClientMultipart::Part& part);

@@ -215,15 +215,22 @@ TEST(HttpClientTransferConfig, PostRedirectMasks)
     EXPECT_EQ(easyOption(*factory.make(HttpClient::Post, all), CURLOPT_POSTREDIR), 7);
 }
 
-TEST(HttpClientTransferConfig, PeerVerificationOffAlsoWidensAuthentication)
+TEST(HttpClientTransferConfig, PeerVerificationOffWidensAuthenticationForUrlCredentialsOnly)
 {
     TransferFactory factory;
     HttpClientOptions options;
     options.setVerifyPeer(false);
-    auto transfer = factory.make(HttpClient::Get, options);
-    EXPECT_EQ(easyOption(*transfer, CURLOPT_SSL_VERIFYPEER), 0);
-    EXPECT_EQ(easyOption(*transfer, CURLOPT_HTTPAUTH), static_cast<std::intptr_t>(CURLAUTH_ANY));
-    EXPECT_FALSE(isSet(*transfer, CURLOPT_SSL_VERIFYHOST));
+    auto plain = factory.make(HttpClient::Get, options);
+    EXPECT_EQ(easyOption(*plain, CURLOPT_SSL_VERIFYPEER), 0);
+    EXPECT_FALSE(isSet(*plain, CURLOPT_HTTPAUTH));
+    EXPECT_FALSE(isSet(*plain, CURLOPT_SSL_VERIFYHOST));
+    auto withCredentials
+        = factory.make(HttpClient::Get, options, HttpClient::Http1, "https://user:pw@127.0.0.1:9/");
+    EXPECT_EQ(easyOption(*withCredentials, CURLOPT_SSL_VERIFYPEER), 0);
+    EXPECT_EQ(easyOption(*withCredentials, CURLOPT_HTTPAUTH), static_cast<std::intptr_t>(CURLAUTH_ANY));
+    auto verified = factory.make(
+        HttpClient::Get, HttpClientOptions(), HttpClient::Http1, "https://user:pw@127.0.0.1:9/");
+    EXPECT_FALSE(isSet(*verified, CURLOPT_HTTPAUTH));
 }
 
 TEST(HttpClientTransferConfig, CompressionOffLeavesAcceptEncodingUnset)

@@ -8,6 +8,7 @@
 #include "Log.h"
 
 #include <QFile>
+#include <QUrl>
 
 namespace {
 const char* const kLogFile = "src/lib/httpClient/HttpClientTransfer";
@@ -47,6 +48,12 @@ long postRedirectMask(const QSet<HttpClientOptions::HttpPostRedirFlags>& flags)
 }
 } // namespace
 
+// User information in the URL is what libcurl authenticates with.
+bool HttpClientTransfer::urlCarriesCredentials() const
+{
+    return !QUrl::fromEncoded(url.toEncoded()).userInfo().isEmpty();
+}
+
 void HttpClientTransfer::configure(int httpVersion)
 {
     CURL* const handle = easy.get();
@@ -66,8 +73,13 @@ void HttpClientTransfer::configure(int httpVersion)
     curl_easy_setopt(handle, CURLOPT_ERRORBUFFER, errorText.data());
 
     if (!options.verifyPeer()) {
-        // Widening authentication together with peer verification is intended.
-        curl_easy_setopt(handle, CURLOPT_HTTPAUTH, CURLAUTH_ANY);
+        // Widening authentication together with peer verification is intended,
+        // for a request with credentials to use: without them the methods
+        // change nothing on the wire, yet with NTLM among them libcurl examines
+        // every pooled connection for every new transfer.
+        if (urlCarriesCredentials()) {
+            curl_easy_setopt(handle, CURLOPT_HTTPAUTH, CURLAUTH_ANY);
+        }
         curl_easy_setopt(handle, CURLOPT_SSL_VERIFYPEER, 0L);
     }
     configureTlsTrust();
