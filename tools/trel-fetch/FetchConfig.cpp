@@ -260,9 +260,9 @@ QByteArray dataArgument(const QString& text, std::istream& standardInput)
 
 // "@PATH;filename=NAME;type=TYPE", as curl takes a file part: the attributes
 // are optional and in any order; the file is opened when it is sent.
-void addFormFile(const QString& name, const QString& spec, HttpClientMultipart& form)
+void addFormFile(const QString& name, const QString& fileArgument, HttpClientMultipart& form)
 {
-    const QStringList pieces = spec.mid(1).split(';');
+    const QStringList pieces = fileArgument.mid(1).split(';');
     QString fileName;
     QString type;
     for (const QString& attribute : pieces.mid(1)) {
