@@ -6,6 +6,7 @@
 #include <trel/HttpClient.h>
 
 #include "LoopbackServer.h"
+#include "ResultCollector.h"
 #include "WaitFor.h"
 
 #include <gtest/gtest.h>
@@ -47,13 +48,8 @@ protected:
     // The body of one GET, or the status's name when it fails.
     QByteArray fetch(HttpClient& client, const QByteArray& path)
     {
-        std::vector<HttpClientResult> results;
-        client.get(TrelUrl::fromEncoded(server.url(path)), HttpClientOptions(),
-            [&results](const HttpClientResult& result) { results.push_back(result); });
-        if (!trel::test::waitFor([&results] { return !results.empty(); }, 30000)) {
-            return "no result";
-        }
-        return results[0].status == HttpClientStatus::OK ? results[0].body : "failed";
+        const HttpClientResult result = trel::test::getOnce(client, TrelUrl::fromEncoded(server.url(path)));
+        return result.status == HttpClientStatus::OK ? result.body : "failed";
     }
 
     LoopbackServer server;

@@ -5,6 +5,7 @@
 
 #include "LogCapture.h"
 #include "LoopbackServer.h"
+#include "ResultCollector.h"
 #include "ResultReceiver.h"
 #include "WaitFor.h"
 
@@ -24,20 +25,10 @@ class CustomRequest : public ::testing::Test
 protected:
     void SetUp() override { ASSERT_TRUE(server.start()); }
 
-    HttpClient::Callback collect()
-    {
-        return [this](const HttpClientResult& result) { received.push_back(result); };
-    }
-
-    bool waitForResults(size_t count)
-    {
-        return trel::test::waitFor([&] { return received.size() >= count; });
-    }
-
     TrelUrl url(const QByteArray& path) const { return TrelUrl::fromEncoded(server.url(path)); }
 
     LoopbackServer server;
-    std::vector<HttpClientResult> received;
+    trel::test::ResultCollector results;
 };
 
 TEST_F(CustomRequest, TheServerSeesTheVerbAndTheBody)
@@ -45,10 +36,11 @@ TEST_F(CustomRequest, TheServerSeesTheVerbAndTheBody)
     HttpClient client;
     const QByteArray body = "<?xml version=\"1.0\"?><propfind xmlns=\"DAV:\"><allprop/></propfind>";
     ASSERT_NE(
-        client.sendCustomRequest("PROPFIND", url("/dav/"), body, HttpClientOptions(), collect()), nullptr);
-    ASSERT_TRUE(waitForResults(1));
-    EXPECT_EQ(received[0].status, HttpClientStatus::OK);
-    EXPECT_EQ(received[0].code, 200);
+        client.sendCustomRequest("PROPFIND", url("/dav/"), body, HttpClientOptions(), results.callback()),
+        nullptr);
+    ASSERT_TRUE(results.waitFor(1));
+    EXPECT_EQ(results.received[0].status, HttpClientStatus::OK);
+    EXPECT_EQ(results.received[0].code, 200);
     const QList<RecordedRequest> requests = server.requests();
     ASSERT_EQ(requests.size(), 1);
     EXPECT_TRUE(requests[0].raw.startsWith("PROPFIND /dav/ HTTP/1.1\r\n"))
@@ -65,12 +57,12 @@ TEST_F(CustomRequest, EveryDeliveryFormCarriesItsResult)
     ASSERT_NE(client.sendCustomRequest(
                   "MKCOL", url("/a/"), QByteArray(), &receiver, "onResult", HttpClientOptions()),
         nullptr);
-    ASSERT_NE(
-        client.sendCustomRequest("MKCOL", url("/b/"), QByteArray(), HttpClientOptions(), &context, collect()),
+    ASSERT_NE(client.sendCustomRequest(
+                  "MKCOL", url("/b/"), QByteArray(), HttpClientOptions(), &context, results.callback()),
         nullptr);
-    ASSERT_TRUE(trel::test::waitFor([&] { return receiver.count() == 1 && received.size() == 1; }));
+    ASSERT_TRUE(trel::test::waitFor([&] { return receiver.count() == 1 && results.received.size() == 1; }));
     EXPECT_EQ(receiver.results()[0].status, static_cast<int>(HttpClientStatus::OK));
-    EXPECT_EQ(received[0].status, HttpClientStatus::OK);
+    EXPECT_EQ(results.received[0].status, HttpClientStatus::OK);
     ASSERT_EQ(server.requests().size(), 2);
     for (const RecordedRequest& request : server.requests()) {
         EXPECT_EQ(request.method, QByteArray("MKCOL"));
@@ -81,8 +73,9 @@ TEST_F(CustomRequest, TheVerbIsSentAsGivenCaseIncluded)
 {
     HttpClient client;
     ASSERT_NE(
-        client.sendCustomRequest("x-Report.v2", url("/r"), "q", HttpClientOptions(), collect()), nullptr);
-    ASSERT_TRUE(waitForResults(1));
+        client.sendCustomRequest("x-Report.v2", url("/r"), "q", HttpClientOptions(), results.callback()),
+        nullptr);
+    ASSERT_TRUE(results.waitFor(1));
     ASSERT_EQ(server.requests().size(), 1);
     EXPECT_EQ(server.requests()[0].method, QByteArray("x-Report.v2"));
 }
@@ -94,14 +87,15 @@ TEST_F(CustomRequest, AVerbThatIsNotATokenIsRefusedBeforeTheWire)
     const std::vector<QByteArray> verbs
         = { "", "GET /x", "BAD\r\nX-Injected: 1", "PROP(FIND)", "M\xc3\xa9THOD", QByteArray("NUL\0X", 5) };
     for (const QByteArray& verb : verbs) {
-        EXPECT_EQ(client.sendCustomRequest(verb, url("/never"), QByteArray(), HttpClientOptions(), collect()),
+        EXPECT_EQ(client.sendCustomRequest(
+                      verb, url("/never"), QByteArray(), HttpClientOptions(), results.callback()),
             nullptr)
             << verb.toPercentEncoding().constData();
     }
     EXPECT_EQ(capture.countPrefix(log4cplus::ERROR_LOG_LEVEL, "Refused, the method is not an HTTP token"),
         static_cast<int>(verbs.size()));
     trel::test::spinEventLoop(200);
-    EXPECT_TRUE(received.empty());
+    EXPECT_TRUE(results.received.empty());
     EXPECT_TRUE(server.requests().isEmpty());
 }
 
@@ -115,9 +109,9 @@ TEST_F(CustomRequest, HeadInCustomFormDoesNotWaitForTheAnnouncedBody)
     HttpClient client;
     HttpClientOptions options;
     options.setTimeoutMs(10000);
-    ASSERT_NE(client.sendCustomRequest("HEAD", url("/h"), "ignored", options, collect()), nullptr);
-    ASSERT_TRUE(waitForResults(1));
-    EXPECT_EQ(received[0].status, HttpClientStatus::OK);
+    ASSERT_NE(client.sendCustomRequest("HEAD", url("/h"), "ignored", options, results.callback()), nullptr);
+    ASSERT_TRUE(results.waitFor(1));
+    EXPECT_EQ(results.received[0].status, HttpClientStatus::OK);
     ASSERT_EQ(server.requests().size(), 1);
     EXPECT_EQ(server.requests()[0].method, QByteArray("HEAD"));
     EXPECT_TRUE(server.requests()[0].body.isEmpty());
@@ -130,17 +124,20 @@ TEST_F(CustomRequest, ACustomGetIsNeitherServedFromNorStoredInTheCache)
     });
     HttpClient client;
     client.setCacheSize(1 << 20);
-    ASSERT_NE(client.get(url("/c"), HttpClientOptions(), collect()), nullptr);
-    ASSERT_TRUE(waitForResults(1));
+    ASSERT_NE(client.get(url("/c"), HttpClientOptions(), results.callback()), nullptr);
+    ASSERT_TRUE(results.waitFor(1));
     ASSERT_NE(
-        client.sendCustomRequest("GET", url("/c"), QByteArray(), HttpClientOptions(), collect()), nullptr);
-    ASSERT_TRUE(waitForResults(2));
+        client.sendCustomRequest("GET", url("/c"), QByteArray(), HttpClientOptions(), results.callback()),
+        nullptr);
+    ASSERT_TRUE(results.waitFor(2));
     EXPECT_EQ(server.requests().size(), 2); // the stored response did not answer the custom GET
     ASSERT_NE(
-        client.sendCustomRequest("GET", url("/d"), QByteArray(), HttpClientOptions(), collect()), nullptr);
-    ASSERT_TRUE(waitForResults(3));
-    EXPECT_NE(client.get(url("/d"), HttpClientOptions(), collect()), nullptr); // a request: /d was not stored
-    ASSERT_TRUE(waitForResults(4));
+        client.sendCustomRequest("GET", url("/d"), QByteArray(), HttpClientOptions(), results.callback()),
+        nullptr);
+    ASSERT_TRUE(results.waitFor(3));
+    EXPECT_NE(client.get(url("/d"), HttpClientOptions(), results.callback()),
+        nullptr); // a request: /d was not stored
+    ASSERT_TRUE(results.waitFor(4));
     EXPECT_EQ(server.requests().size(), 4);
 }
 

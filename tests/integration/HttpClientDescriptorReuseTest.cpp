@@ -6,6 +6,7 @@
 
 #include "LogCapture.h"
 #include "LoopbackServer.h"
+#include "ResultCollector.h"
 #include "WaitFor.h"
 
 #include <gtest/gtest.h>
@@ -61,13 +62,7 @@ int lastRemovedSocket(const LogCapture& capture)
 
 HttpClientStatus fetch(HttpClient& client, const QByteArray& url)
 {
-    std::vector<HttpClientResult> results;
-    client.get(TrelUrl::fromEncoded(url), HttpClientOptions(),
-        [&results](const HttpClientResult& result) { results.push_back(result); });
-    if (!trel::test::waitFor([&results] { return !results.empty(); }, 30000)) {
-        return HttpClientStatus::Error;
-    }
-    return results.front().status;
+    return trel::test::getOnce(client, TrelUrl::fromEncoded(url)).status;
 }
 
 TEST(ReleasedDescriptors, ADescriptorReusedForSomethingElseIsNotWatched)

@@ -6,6 +6,7 @@
 #include <trel/HttpClient.h>
 
 #include "LoopbackServer.h"
+#include "ResultCollector.h"
 #include "WaitFor.h"
 
 #include <gtest/gtest.h>
@@ -21,18 +22,7 @@ using trel::test::ScriptedResponse;
 // Generous: a stall is recognised by the words of the reason, not by this.
 constexpr int kGuardTimeoutMs = 30000;
 
-struct Results
-{
-    HttpClient::Callback collect()
-    {
-        return [this](const HttpClientResult& result) { received.push_back(result); };
-    }
-    bool waitFor(size_t count)
-    {
-        return trel::test::waitFor([this, count] { return received.size() >= count; }, 60000);
-    }
-    std::vector<HttpClientResult> received;
-};
+using Results = trel::test::ResultCollector;
 
 HttpClientOptions withInactivityLimit(int limitMs)
 {
@@ -74,7 +64,7 @@ TEST(HttpClientInactivity, AResponseThatStopsMidwayEndsAsTimeoutWithWhatArrived)
     HttpClient client;
     Results results;
     const HttpClientOptions options = withInactivityLimit(300);
-    client.get(TrelUrl::fromEncoded(server.url("/stops")), options, results.collect());
+    client.get(TrelUrl::fromEncoded(server.url("/stops")), options, results.callback());
     ASSERT_TRUE(results.waitFor(1));
     const HttpClientResult& result = results.received.front();
     expectInactivityTimeout(result);
@@ -89,7 +79,7 @@ TEST(HttpClientInactivity, AResponseThatNeverStartsEndsAsTimeout)
     ASSERT_TRUE(server.start());
     HttpClient client;
     Results results;
-    client.get(TrelUrl::fromEncoded(server.url("/silent")), withInactivityLimit(200), results.collect());
+    client.get(TrelUrl::fromEncoded(server.url("/silent")), withInactivityLimit(200), results.callback());
     ASSERT_TRUE(results.waitFor(1));
     expectInactivityTimeout(results.received.front());
     EXPECT_EQ(results.received.front().code, 0);
@@ -104,7 +94,7 @@ TEST(HttpClientInactivity, AnUploadThatStopsBeingFedEndsAsTimeout)
     const auto queue = QSharedPointer<HttpClientQueue>::create(nullptr);
     queue->append(QByteArray(1000, 'u'));
     client.postStream(
-        TrelUrl::fromEncoded(server.url("/echo")), queue, withInactivityLimit(300), results.collect());
+        TrelUrl::fromEncoded(server.url("/echo")), queue, withInactivityLimit(300), results.callback());
     ASSERT_TRUE(results.waitFor(1)); // the queue stays open: the body never ends
     expectInactivityTimeout(results.received.front());
 }
@@ -121,7 +111,7 @@ TEST(HttpClientInactivity, AResponseThatKeepsTricklingPastTheLimitIsNeverCut)
     ASSERT_TRUE(server.start());
     HttpClient client;
     Results results;
-    client.get(TrelUrl::fromEncoded(server.url("/drip")), withInactivityLimit(400), results.collect());
+    client.get(TrelUrl::fromEncoded(server.url("/drip")), withInactivityLimit(400), results.callback());
     ASSERT_TRUE(results.waitFor(1));
     EXPECT_EQ(results.received.front().status, HttpClientStatus::OK)
         << results.received.front().headers.value(QStringLiteral("X-TrelError"), QString()).toStdString();
@@ -139,8 +129,8 @@ TEST(HttpClientInactivity, BelowOneMeansNoLimit)
     ASSERT_TRUE(server.start());
     HttpClient client;
     Results results;
-    client.get(TrelUrl::fromEncoded(server.url("/late")), withInactivityLimit(0), results.collect());
-    client.get(TrelUrl::fromEncoded(server.url("/late")), withInactivityLimit(-5), results.collect());
+    client.get(TrelUrl::fromEncoded(server.url("/late")), withInactivityLimit(0), results.callback());
+    client.get(TrelUrl::fromEncoded(server.url("/late")), withInactivityLimit(-5), results.callback());
     ASSERT_TRUE(results.waitFor(2));
     for (const HttpClientResult& result : results.received) {
         EXPECT_EQ(result.status, HttpClientStatus::OK);
@@ -161,8 +151,8 @@ TEST(HttpClientInactivity, TheNextWaitingRequestTakesTheInactivePlace)
     HttpClient client;
     client.setMaxConnections(1);
     Results results;
-    client.get(TrelUrl::fromEncoded(server.url("/silent")), withInactivityLimit(200), results.collect());
-    client.get(TrelUrl::fromEncoded(server.url("/next")), HttpClientOptions(), results.collect());
+    client.get(TrelUrl::fromEncoded(server.url("/silent")), withInactivityLimit(200), results.callback());
+    client.get(TrelUrl::fromEncoded(server.url("/next")), HttpClientOptions(), results.callback());
     ASSERT_TRUE(results.waitFor(2));
     expectInactivityTimeout(results.received[0]);
     EXPECT_EQ(results.received[1].status, HttpClientStatus::OK);

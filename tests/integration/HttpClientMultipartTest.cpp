@@ -8,6 +8,7 @@
 #include "LocalServers.h"
 #include "LoopbackServer.h"
 #include "ProcessState.h"
+#include "ResultCollector.h"
 #include "ResultReceiver.h"
 #include "WaitFor.h"
 
@@ -24,18 +25,9 @@ namespace {
 using trel::test::LoopbackServer;
 using trel::test::RecordedRequest;
 
-struct Results
-{
-    HttpClient::Callback collect()
-    {
-        return [this](const HttpClientResult& result) { received.push_back(result); };
-    }
-    bool waitFor(size_t count)
-    {
-        return trel::test::waitFor([this, count] { return received.size() >= count; }, 120000);
-    }
-    std::vector<HttpClientResult> received;
-};
+using Results = trel::test::ResultCollector;
+// Generous: the 200 MB part runs slowly under the sanitizers.
+constexpr int kResultWaitMs = 120000;
 
 bool writeFile(const QString& path, const QByteArray& content)
 {
@@ -75,8 +67,8 @@ TEST_F(Multipart, ASmallFormArrivesByteForByte)
         QStringLiteral("notes"), "a\r\nb", QStringLiteral("notes.txt"), QStringLiteral("text/plain"));
     form.addFile(QStringLiteral("report"), pathOf(QStringLiteral("report.csv")));
     client.postMultipart(
-        TrelUrl::fromEncoded(server.url("/echo")), form, HttpClientOptions(), results.collect());
-    ASSERT_TRUE(results.waitFor(1));
+        TrelUrl::fromEncoded(server.url("/echo")), form, HttpClientOptions(), results.callback());
+    ASSERT_TRUE(results.waitFor(1, kResultWaitMs));
     ASSERT_EQ(results.received[0].status, HttpClientStatus::OK);
     ASSERT_EQ(server.requestCount(), 1);
     const RecordedRequest request = server.requests().front();
@@ -105,8 +97,8 @@ TEST_F(Multipart, AFilePartTakesTheNameAndTypeGiven)
     form.addFile(QStringLiteral("upload"), pathOf(QStringLiteral("photo.bin")), QStringLiteral("holiday.jpg"),
         QStringLiteral("image/jpeg"));
     client.postMultipart(
-        TrelUrl::fromEncoded(server.url("/echo")), form, HttpClientOptions(), results.collect());
-    ASSERT_TRUE(results.waitFor(1));
+        TrelUrl::fromEncoded(server.url("/echo")), form, HttpClientOptions(), results.callback());
+    ASSERT_TRUE(results.waitFor(1, kResultWaitMs));
     ASSERT_EQ(results.received[0].status, HttpClientStatus::OK);
     const QList<trel::test::RecordedPart> parts = server.requests().front().parts;
     ASSERT_EQ(parts.size(), 1);
@@ -123,9 +115,9 @@ TEST_F(Multipart, AFileThatCannotBeOpenedEndsTheRequestAsError)
     form.addField(QStringLiteral("before"), QStringLiteral("1"));
     form.addFile(QStringLiteral("upload"), missing);
     const void* const id = client.postMultipart(
-        TrelUrl::fromEncoded(server.url("/echo")), form, HttpClientOptions(), results.collect());
+        TrelUrl::fromEncoded(server.url("/echo")), form, HttpClientOptions(), results.callback());
     EXPECT_NE(id, nullptr);
-    ASSERT_TRUE(results.waitFor(1));
+    ASSERT_TRUE(results.waitFor(1, kResultWaitMs));
     const HttpClientResult& result = results.received[0];
     EXPECT_EQ(result.status, HttpClientStatus::Error);
     EXPECT_EQ(result.headers.value(QStringLiteral("X-TrelErrorCode"), QString()), QStringLiteral("26"));
@@ -143,7 +135,7 @@ TEST_F(Multipart, TheSlotAndContextFormsDeliverToo)
     client.postMultipart(
         TrelUrl::fromEncoded(server.url("/echo")), form, &receiver, "onResult", HttpClientOptions());
     client.postMultipart(
-        TrelUrl::fromEncoded(server.url("/echo")), form, HttpClientOptions(), &context, results.collect());
+        TrelUrl::fromEncoded(server.url("/echo")), form, HttpClientOptions(), &context, results.callback());
     ASSERT_TRUE(
         trel::test::waitFor([&] { return receiver.count() == 1 && results.received.size() == 1; }, 60000));
     EXPECT_EQ(results.received[0].status, HttpClientStatus::OK);
@@ -174,8 +166,8 @@ TEST(MultipartThroughNginx, A200MBFilePartIsReadFromDiskWithMemoryBounded)
     trel::test::resetPeakResident();
     const qint64 before = trel::test::peakResidentBytes();
     client.postMultipart(
-        TrelUrl::fromEncoded(nginx.url("/upload")), form, HttpClientOptions(), results.collect());
-    ASSERT_TRUE(results.waitFor(1));
+        TrelUrl::fromEncoded(nginx.url("/upload")), form, HttpClientOptions(), results.callback());
+    ASSERT_TRUE(results.waitFor(1, kResultWaitMs));
     const qint64 growth = trel::test::peakResidentBytes() - before;
     const HttpClientResult& result = results.received[0];
     ASSERT_EQ(result.status, HttpClientStatus::OK)

@@ -5,6 +5,7 @@
 
 #include "LocalServers.h"
 #include "LoopbackServer.h"
+#include "ResultCollector.h"
 #include "WaitFor.h"
 
 #include <gtest/gtest.h>
@@ -62,11 +63,7 @@ private:
 
 HttpClientResult fetch(HttpClient& client, const TrelUrl& url)
 {
-    std::vector<HttpClientResult> received;
-    client.get(url, HttpClientOptions(),
-        [&received](const HttpClientResult& result) { received.push_back(result); });
-    EXPECT_TRUE(trel::test::waitFor([&] { return !received.empty(); }, 20000));
-    return received.empty() ? HttpClientResult() : received.front();
+    return trel::test::getOnce(client, url);
 }
 
 // A free port is one where nothing listens.

@@ -8,6 +8,7 @@
 #include "LogCapture.h"
 #include "LoopbackServer.h"
 #include "ProcessState.h"
+#include "ResultCollector.h"
 #include "ResultReceiver.h"
 #include "SocketCount.h"
 #include "StreamProducers.h"
@@ -62,18 +63,7 @@ public:
 const auto* const environment = ::testing::AddGlobalTestEnvironment(new ServerEnvironment);
 
 // Collects callback results in arrival order.
-struct Results
-{
-    HttpClient::Callback callback()
-    {
-        return [this](const HttpClientResult& result) { received.push_back(result); };
-    }
-    bool waitFor(size_t n, int timeoutMs = 10000)
-    {
-        return trel::test::waitFor([&] { return received.size() >= n; }, timeoutMs);
-    }
-    std::vector<HttpClientResult> received;
-};
+using Results = trel::test::ResultCollector;
 
 class HttpClientRequest : public ::testing::Test
 {

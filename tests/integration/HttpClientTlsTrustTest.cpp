@@ -5,6 +5,7 @@
 #include <trel/HttpClient.h>
 
 #include "LocalServers.h"
+#include "ResultCollector.h"
 #include "WaitFor.h"
 
 #include <gtest/gtest.h>
@@ -70,11 +71,7 @@ protected:
     static HttpClientResult fetch(const NginxServer& server, const HttpClientOptions& options)
     {
         HttpClient client;
-        std::vector<HttpClientResult> received;
-        client.get(TrelUrl::fromEncoded(server.tlsUrl("/files/trust.txt")), options,
-            [&received](const HttpClientResult& result) { received.push_back(result); });
-        EXPECT_TRUE(trel::test::waitFor([&] { return !received.empty(); }, 20000));
-        return received.empty() ? HttpClientResult() : received.front();
+        return trel::test::getOnce(client, TrelUrl::fromEncoded(server.tlsUrl("/files/trust.txt")), options);
     }
 
     static int errorCode(const HttpClientResult& result)

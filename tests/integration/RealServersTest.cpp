@@ -8,6 +8,7 @@
 #include "LocalServers.h"
 #include "LoopbackServer.h"
 #include "ProcessState.h"
+#include "ResultCollector.h"
 #include "ResultReceiver.h"
 #include "SocketCount.h"
 #include "StreamProducers.h"
@@ -47,18 +48,7 @@ using trel::test::ResultReceiver;
 using trel::test::sha256;
 using trel::test::waitFor;
 
-struct Results
-{
-    HttpClient::Callback callback()
-    {
-        return [this](const HttpClientResult& result) { received.push_back(result); };
-    }
-    bool waitFor(size_t n, int timeoutMs = 20000)
-    {
-        return trel::test::waitFor([&] { return received.size() >= n; }, timeoutMs);
-    }
-    std::vector<HttpClientResult> received;
-};
+using Results = trel::test::ResultCollector;
 
 QList<QByteArray> split(const QByteArray& bytes, int pieces)
 {
