@@ -178,7 +178,7 @@ public:
     /// nothing: libcurl's progress function stays off.
     void setProgressCallback(ProgressCallback callback);
     /// The progress callback; empty unless set.
-    ProgressCallback progressCallback() const;
+    const ProgressCallback& progressCallback() const;
 
     /// Extra request header fields, sent as given; a field libcurl would send
     /// itself is replaced by one of the same name. An `Authorization` or

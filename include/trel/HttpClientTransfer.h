@@ -294,6 +294,7 @@ private:
         HttpClientStatus status, long code, const QByteArray& body, const HttpClientHeaders& headers);
     void reportAddFailure(CURLMcode added);
     void reportUnreadableFile();
+    void leaveMulti();
     long responseCode();
     HttpClientHeaders receivedHeaders(bool withEffectiveUrl);
     QSharedPointer<curl_mime> newMime();

@@ -148,7 +148,7 @@ void HttpClientOptions::setProgressCallback(ProgressCallback callback)
     progressCallback_ = std::move(callback);
 }
 
-HttpClientOptions::ProgressCallback HttpClientOptions::progressCallback() const
+const HttpClientOptions::ProgressCallback& HttpClientOptions::progressCallback() const
 {
     return progressCallback_;
 }

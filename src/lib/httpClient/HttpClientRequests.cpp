@@ -132,8 +132,10 @@ QSharedPointer<HttpClientTransfer> HttpClient::createTransfer(
         TREL_ERROR("Failed to create curl easy handle!");
         return {};
     }
-    transfer->setFinalProgressQueue(
-        [this](std::function<void()> report) { queueProgressReport(std::move(report)); });
+    if (options.progressCallback()) {
+        transfer->setFinalProgressQueue(
+            [this](std::function<void()> report) { queueProgressReport(std::move(report)); });
+    }
     applyCookieEngine(static_cast<CURL*>(transfer->handle()));
     if (proxyChosen) {
         // Empty, each is libcurl's "whatever the environment says": no proxy at

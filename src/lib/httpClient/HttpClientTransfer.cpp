@@ -27,6 +27,13 @@ HttpClientStatus statusFromCurlCode(CURLcode code)
         return HttpClientStatus::Error;
     }
 }
+
+// Every failed result carries its words and libcurl's code side by side.
+void noteFailure(HttpClientHeaders& headers, const QString& reason, int code)
+{
+    headers.insert(QString::fromLatin1(HttpClientHeaders::ErrorField), reason);
+    headers.insert(QString::fromLatin1(HttpClientHeaders::ErrorCodeField), QString::number(code));
+}
 } // namespace
 
 // ---------------------------------------------------------------------------
@@ -129,10 +136,8 @@ void HttpClientTransfer::reportAddFailure(CURLMcode added)
     TREL_ERROR("Failed to add the transfer to libcurl: " << reason << " (" << static_cast<int>(added) << ")");
     const CURLcode code = added == CURLM_OUT_OF_MEMORY ? CURLE_OUT_OF_MEMORY : CURLE_FAILED_INIT;
     HttpClientHeaders headers;
-    headers.insert(QString::fromLatin1(HttpClientHeaders::ErrorField),
-        QStringLiteral("could not start the transfer: %1").arg(QString::fromUtf8(reason)));
-    headers.insert(
-        QString::fromLatin1(HttpClientHeaders::ErrorCodeField), QString::number(static_cast<int>(code)));
+    noteFailure(headers, QStringLiteral("could not start the transfer: %1").arg(QString::fromUtf8(reason)),
+        static_cast<int>(code));
     reportCompletion(HttpClientStatus::Error, 0, QByteArray(), headers);
 }
 
@@ -141,9 +146,7 @@ void HttpClientTransfer::reportAddFailure(CURLMcode added)
 void HttpClientTransfer::reportUnreadableFile()
 {
     HttpClientHeaders headers;
-    headers.insert(QString::fromLatin1(HttpClientHeaders::ErrorField), unreadableFile);
-    headers.insert(QString::fromLatin1(HttpClientHeaders::ErrorCodeField),
-        QString::number(static_cast<int>(CURLE_READ_ERROR)));
+    noteFailure(headers, unreadableFile, static_cast<int>(CURLE_READ_ERROR));
     reportCompletion(HttpClientStatus::Error, 0, QByteArray(), headers);
 }
 
@@ -173,16 +176,21 @@ void HttpClientTransfer::finish(CURLMsg* message)
     const HttpClientStatus status = statusFromCurlCode(result);
     HttpClientHeaders headers = receivedHeaders(status == HttpClientStatus::OK);
     if (status != HttpClientStatus::OK) {
-        headers.insert(QString::fromLatin1(HttpClientHeaders::ErrorField), failureReason(result));
-        headers.insert(
-            QString::fromLatin1(HttpClientHeaders::ErrorCodeField), QString::number(failureCode(result)));
+        noteFailure(headers, failureReason(result), failureCode(result));
     }
     reportFinalProgress();
+    leaveMulti();
+    reportCompletion(status, code, receiveBuffer.body, headers);
+}
+
+// Out of libcurl for good: no more callbacks, no inactivity watch, and the
+// producers of a streamed body learn at once that nobody reads it any more.
+void HttpClientTransfer::leaveMulti()
+{
     curl_multi_remove_handle(activeMulti, easy.get());
     activeMulti = nullptr;
     stopInactivityWatch();
     endUploadStream();
-    reportCompletion(status, code, receiveBuffer.body, headers);
 }
 
 // libcurl's code for the failure; a body cut at the read-size limit, which
@@ -213,10 +221,7 @@ void HttpClientTransfer::cancel()
         TREL_ERROR("Transfer already finished");
         return;
     }
-    curl_multi_remove_handle(activeMulti, easy.get());
-    activeMulti = nullptr;
-    stopInactivityWatch();
-    endUploadStream();
+    leaveMulti();
     reportCompletion(HttpClientStatus::Error, -1, QByteArray(), HttpClientHeaders());
 }
 
@@ -230,14 +235,10 @@ void HttpClientTransfer::timeOutInactive(qint64 idleMs)
     }
     const long code = responseCode();
     HttpClientHeaders headers = receivedHeaders(false);
-    headers.insert(QString::fromLatin1(HttpClientHeaders::ErrorField),
-        QStringLiteral("Operation timed out: no data moved for %1 milliseconds").arg(idleMs));
-    headers.insert(QString::fromLatin1(HttpClientHeaders::ErrorCodeField),
-        QString::number(static_cast<int>(CURLE_OPERATION_TIMEDOUT)));
+    noteFailure(headers, QStringLiteral("Operation timed out: no data moved for %1 milliseconds").arg(idleMs),
+        static_cast<int>(CURLE_OPERATION_TIMEDOUT));
     reportFinalProgress();
-    curl_multi_remove_handle(activeMulti, easy.get());
-    activeMulti = nullptr;
-    endUploadStream();
+    leaveMulti();
     reportCompletion(HttpClientStatus::Timeout, code, receiveBuffer.body, headers);
 }
 
@@ -248,10 +249,9 @@ void HttpClientTransfer::timeOutUnstarted(std::int64_t waitedMs)
         return;
     }
     HttpClientHeaders headers;
-    headers.insert(QString::fromLatin1(HttpClientHeaders::ErrorField),
-        QStringLiteral("Operation timed out after %1 milliseconds waiting for a connection").arg(waitedMs));
-    headers.insert(QString::fromLatin1(HttpClientHeaders::ErrorCodeField),
-        QString::number(static_cast<int>(CURLE_OPERATION_TIMEDOUT)));
+    noteFailure(headers,
+        QStringLiteral("Operation timed out after %1 milliseconds waiting for a connection").arg(waitedMs),
+        static_cast<int>(CURLE_OPERATION_TIMEDOUT));
     reportCompletion(HttpClientStatus::Timeout, 0, QByteArray(), headers);
 }
 
