@@ -10,6 +10,7 @@
 #include <QString>
 #include <QStringList>
 
+#include <functional>
 #include <initializer_list>
 #include <ostream>
 #include <utility>
@@ -24,6 +25,21 @@
 /// name, in the order they were stored, so repeated fields such as `Set-Cookie`
 /// or `Link` lose nothing. A plain value, copied freely, declared to Qt's
 /// meta-type system; not synchronised, like any Qt value.
+///
+/// As request fields, a name goes out as one line with its last value when it
+/// was stored with insert(), and as one line per value, in order, for the
+/// values append() added since the last insert() of that name (with the value
+/// stored just before them):
+/// \code
+/// HttpClientHeaders headers;
+/// headers.append("X-A", "1");
+/// headers.append("X-A", "2");   // sends "X-A: 1" and "X-A: 2"
+/// headers.insert("X-B", "1");
+/// headers.insert("X-B", "2");   // sends "X-B: 2" only
+/// headers.insert("X-A", "3");   // now sends "X-A: 3" only
+/// \endcode
+/// Every line of a name carries the name's last written form. Different names
+/// go out in no particular order.
 class TREL_HTTP_CLIENT_EXPORT HttpClientHeaders
 {
 public:
@@ -64,8 +80,19 @@ public:
 
     /// Stores \p value under \p name, replacing any field whose name matches
     /// without regard to case in the one-value view; the entry takes \p name's
-    /// written form. values() keeps one value per call.
+    /// written form. values() keeps one value per call. As a request field, the
+    /// name then goes out as one line with \p value, however it was stored before.
+    /// \param name the field's name, in the written form it goes out with.
+    /// \param value the field's value.
     void insert(const QString& name, const QString& value);
+    /// Stores \p value under \p name as insert() does, but as a request field
+    /// keeps the values stored before: a request sends one line per value,
+    /// those appended in the order they were appended, after the value the
+    /// name held before the first of them. On a name not stored yet, the same
+    /// as insert(). A name given only once costs what insert() costs.
+    /// \param name the field's name (any case; the entry takes this written form).
+    /// \param value another value to send under \p name.
+    void append(const QString& name, const QString& value);
     /// Whether a field named \p name (any case) is stored.
     bool contains(const QString& name) const;
     /// The value stored under \p name (any case), or \p defaultValue when
@@ -90,18 +117,26 @@ public:
 
 private:
     // Received headers are stripped of the library's own field names before it
-    // adds its own, so a server cannot forge them.
+    // adds its own, so a server cannot forge them; request headers become the
+    // transfer's header lines.
     friend class HttpClientTransfer;
 
     void insertAsciiLine(const char* line, int length);
     void store(const QString& key, const QString& name, const QString& value);
     void removeNamesStartingWith(const QString& lowerPrefix);
+    // Calls `take` with every request line, "Name: value" in UTF-8: one per
+    // name, or one per value a name carries since its appends.
+    void forEachRequestLine(const std::function<void(const QByteArray& line)>& take) const;
 
     QHash<QString, Header> entries;
     // Every value of a name stored more than once, in order; a name stored
     // once has its only value in `entries` alone, so the usual response pays
     // nothing for repeated fields.
     QHash<QString, QStringList> repeatedValues;
+    // For a name appended to: how many of its last values go out as lines of
+    // their own (2 or more). Empty unless append() added to a stored name, so
+    // a request of names given once pays nothing for it.
+    QHash<QString, int> appendedLines;
 };
 
 /// Writes the fields of \p headers as `Name: value` separated by ", ", in no

@@ -181,8 +181,10 @@ public:
     const ProgressCallback& progressCallback() const;
 
     /// Extra request header fields, sent as given; a field libcurl would send
-    /// itself is replaced by one of the same name. An `Authorization` or
-    /// `Cookie` field keeps a GET out of the response cache in both directions.
+    /// itself is replaced by one of the same name. A name given values with
+    /// HttpClientHeaders::append() goes out as one line per value. An
+    /// `Authorization` or `Cookie` field keeps a GET out of the response cache
+    /// in both directions.
     void setHeaders(const HttpClientHeaders& headers);
     /// The extra request header fields; empty unless set.
     HttpClientHeaders headers() const;

@@ -361,6 +361,37 @@ TEST_F(HttpClientGoldenRequest, ExtraRequestHeader)
         [&] { return client.get(url("/golden/extra"), options, results.callback()); });
 }
 
+TEST_F(HttpClientGoldenRequest, AHeaderAppendedTwiceGoesOutAsTwoLinesInOrder)
+{
+    HttpClientHeaders headers;
+    headers.append("X-Golden-Multi", "first");
+    headers.append("X-Golden-Multi", "second");
+    options.setHeaders(headers);
+    expectRequestMatches("get-appended-twice.http",
+        [&] { return client.get(url("/golden/get-appended-twice"), options, results.callback()); });
+}
+
+TEST_F(HttpClientGoldenRequest, AnInsertAfterAppendsSendsOneLine)
+{
+    HttpClientHeaders headers;
+    headers.append("X-Golden-Multi", "first");
+    headers.append("X-Golden-Multi", "second");
+    headers.insert("X-Golden-Multi", "third");
+    options.setHeaders(headers);
+    expectRequestMatches("get-insert-after-append.http",
+        [&] { return client.get(url("/golden/get-insert-after-append"), options, results.callback()); });
+}
+
+TEST_F(HttpClientGoldenRequest, AHeaderInsertedTwiceSendsOnlyTheLastValue)
+{
+    HttpClientHeaders headers;
+    headers.insert("X-Golden-Multi", "first");
+    headers.insert("X-Golden-Multi", "second");
+    options.setHeaders(headers);
+    expectRequestMatches("get-inserted-twice.http",
+        [&] { return client.get(url("/golden/get-inserted-twice"), options, results.callback()); });
+}
+
 TEST_F(HttpClientGoldenRequest, ExtraHeaderReplacesTheOneLibcurlSends)
 {
     options.setHeaders(HttpClientHeaders { { "Accept", "text/plain" } });

@@ -318,6 +318,39 @@ TEST(HttpClientHeaders, EachInsertKeepsOneValue)
     EXPECT_EQ(listed.values("A"), QStringList({ "1", "2" }));
 }
 
+TEST(HttpClientHeaders, AppendToANewNameStoresItAsInsertDoes)
+{
+    HttpClientHeaders appended;
+    appended.append("X-A", "1");
+    HttpClientHeaders inserted;
+    inserted.insert("X-A", "1");
+    EXPECT_EQ(appended.values("x-a"), inserted.values("x-a"));
+    EXPECT_EQ(appended.headers(), inserted.headers());
+}
+
+TEST(HttpClientHeaders, AppendedValuesShowInOrderAndTheOneValueViewShowsTheLast)
+{
+    HttpClientHeaders headers;
+    headers.append("X-A", "1");
+    headers.append("x-a", "2");
+    headers.append("X-a", "3");
+    EXPECT_EQ(headers.values("X-A"), QStringList({ "1", "2", "3" }));
+    EXPECT_EQ(headers.value("x-a", QString()), "3");
+    EXPECT_TRUE(headers.contains("X-A"));
+    EXPECT_EQ(headers.headers(), (QHash<QString, QString> { { "X-a", "3" } })); // the last written form
+}
+
+TEST(HttpClientHeaders, InsertAfterAppendKeepsEveryValueInValues)
+{
+    HttpClientHeaders headers;
+    headers.append("X-A", "1");
+    headers.append("X-A", "2");
+    headers.insert("X-A", "3");
+    EXPECT_EQ(headers.values("x-a"), QStringList({ "1", "2", "3" }));
+    EXPECT_EQ(headers.value("X-A", QString()), "3");
+    EXPECT_EQ(headers.headers().size(), 1);
+}
+
 TEST(HttpClientHeaders, ACopyKeepsItsValuesWhenTheOriginalChanges)
 {
     HttpClientHeaders original(QByteArray("A: 1\r\nA: 2\r\n"));

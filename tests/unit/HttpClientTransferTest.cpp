@@ -293,6 +293,26 @@ TEST(HttpClientTransferConfig, RequestHeadersBecomeOneListLinePerEntry)
     EXPECT_EQ(lines, QStringList({ "X-One: 1", "X-Two: zwei" }));
 }
 
+TEST(HttpClientTransferConfig, AppendedValuesBecomeOneListLineEachInOrder)
+{
+    TransferFactory factory;
+    HttpClientHeaders headers;
+    headers.append("X-A", "first");
+    headers.append("X-A", "second");
+    headers.insert("X-B", "dropped");
+    headers.insert("X-B", "kept");
+    HttpClientOptions options;
+    options.setHeaders(headers);
+    auto transfer = factory.make(HttpClient::Get, options);
+    QStringList lines;
+    for (curl_slist* item = Access::headerList(*transfer); item; item = item->next) {
+        lines << QString::fromUtf8(item->data);
+    }
+    EXPECT_EQ(lines.filter("X-A"), QStringList({ "X-A: first", "X-A: second" }));
+    EXPECT_EQ(lines.filter("X-B"), QStringList({ "X-B: kept" }));
+    EXPECT_EQ(lines.size(), 3);
+}
+
 TEST(HttpClientTransferConfig, PushConstructorInstallsOnlyTheReceiveCallbacks)
 {
     CURL* const pushed = curl_easy_init();

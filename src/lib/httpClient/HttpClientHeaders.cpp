@@ -183,7 +183,21 @@ void HttpClientHeaders::insertAsciiLine(const char* line, int length)
 
 void HttpClientHeaders::insert(const QString& name, const QString& value)
 {
-    store(keyOf(name), name, value);
+    const QString key = keyOf(name);
+    store(key, name, value);
+    appendedLines.remove(key); // no lookup while nothing was appended
+}
+
+// The value stored before stays a line of its own; each append adds one.
+void HttpClientHeaders::append(const QString& name, const QString& value)
+{
+    const QString key = keyOf(name);
+    const bool stored = entries.contains(key);
+    store(key, name, value);
+    if (stored) {
+        int& lines = appendedLines[key];
+        lines = lines == 0 ? 2 : lines + 1;
+    }
 }
 
 // One hash lookup for a name seen the first time; a name seen again also
@@ -208,9 +222,27 @@ void HttpClientHeaders::removeNamesStartingWith(const QString& lowerPrefix)
     for (auto it = entries.begin(); it != entries.end();) {
         if (it.key().startsWith(lowerPrefix)) {
             repeatedValues.remove(it.key());
+            appendedLines.remove(it.key());
             it = entries.erase(it);
         } else {
             ++it;
+        }
+    }
+}
+
+// A name's appended values are the last ones it stored: insert() ends the run.
+void HttpClientHeaders::forEachRequestLine(const std::function<void(const QByteArray& line)>& take) const
+{
+    const QString separator = QStringLiteral(": ");
+    for (auto it = entries.cbegin(); it != entries.cend(); ++it) {
+        const int lines = appendedLines.value(it.key(), 1);
+        if (lines == 1) {
+            take((it->name + separator + it->value).toUtf8());
+            continue;
+        }
+        const QStringList all = repeatedValues.value(it.key());
+        for (int i = static_cast<int>(all.size()) - lines; i < all.size(); ++i) {
+            take((it->name + separator + all[i]).toUtf8());
         }
     }
 }

@@ -58,11 +58,9 @@ void HttpClientTransfer::configure(int httpVersion)
 {
     CURL* const handle = easy.get();
 
-    const QHash<QString, QString> requestHeaders = options.headers().headers();
-    for (auto it = requestHeaders.cbegin(); it != requestHeaders.cend(); ++it) {
-        const QByteArray line = (it.key() + QStringLiteral(": ") + it.value()).toUtf8();
+    options.headers().forEachRequestLine([this](const QByteArray& line) {
         headerList.reset(curl_slist_append(headerList.release(), line.constData()));
-    }
+    });
     if (headerList) {
         curl_easy_setopt(handle, CURLOPT_HTTPHEADER, headerList.get());
     }
