@@ -47,7 +47,7 @@ public:
     /// The defaults: no timeout, a read size limit of 65536 bytes, no immediate
     /// read, at most 5 redirects, no credentials sent on to redirect targets,
     /// compression asked for, peers verified, no extra headers, no POST
-    /// redirect flags, and an empty caller context.
+    /// redirect flags, an empty caller context, and no rate limits.
     HttpClientOptions();
 
     /// Sets the caller context handed back beside every result of the request
@@ -180,6 +180,23 @@ public:
     /// The progress callback; empty unless set.
     const ProgressCallback& progressCallback() const;
 
+    /// Limits how fast the response is received: libcurl reads no faster than
+    /// \p bytesPerSecond on average over the transfer, pausing reception as
+    /// needed. Below 1 means no limit (the default, 0). The limit is this
+    /// request's own: other requests are not counted against it.
+    /// \param bytesPerSecond the most body bytes per second to receive.
+    void setMaxReceiveBytesPerSecond(qint64 bytesPerSecond);
+    /// The receive rate limit in bytes per second; below 1 means none.
+    qint64 maxReceiveBytesPerSecond() const;
+
+    /// Limits how fast the request body is sent: libcurl sends no faster than
+    /// \p bytesPerSecond on average over the transfer. Below 1 means no limit
+    /// (the default, 0).
+    /// \param bytesPerSecond the most body bytes per second to send.
+    void setMaxSendBytesPerSecond(qint64 bytesPerSecond);
+    /// The send rate limit in bytes per second; below 1 means none.
+    qint64 maxSendBytesPerSecond() const;
+
     /// Extra request header fields, sent as given; a field libcurl would send
     /// itself is replaced by one of the same name. A name given values with
     /// HttpClientHeaders::append() goes out as one line per value. An
@@ -213,6 +230,8 @@ private:
     int connectTimeoutMs_ = -1;
     int inactivityTimeoutMs_ = -1;
     ProgressCallback progressCallback_;
+    qint64 maxReceiveBytesPerSecond_ = 0;
+    qint64 maxSendBytesPerSecond_ = 0;
     QSet<HttpPostRedirFlags> postRedirectFlags_;
 };
 

@@ -282,6 +282,7 @@ private:
     bool urlCarriesCredentials() const;
     void installReceiveCallbacks();
     void installProgressCallback();
+    void configureRateLimits();
     bool addMimePart(curl_mime* mime, const HttpClientMultipart::Part& part);
     bool noteIfUnreadable(const QString& path);
     void noteProgress(qint64 received, qint64 receiveTotal, qint64 sent, qint64 sendTotal);

@@ -20,6 +20,7 @@
 
 #include <QDeadlineTimer>
 #include <QDir>
+#include <QElapsedTimer>
 #include <QFile>
 #include <QThread>
 #include <QTimer>
@@ -163,6 +164,39 @@ TEST_F(HttpClientRequest, GzipResponseArrivesDecoded)
     ASSERT_TRUE(results.waitFor(1));
     EXPECT_EQ(results.received[0].body, QByteArray("hello gzip world").repeated(100));
     EXPECT_EQ(results.received[0].headers.value("Content-Encoding", QString()), "gzip");
+}
+
+// Limited both ways, bodies still arrive whole and OK, and take the time the
+// limits ask for: libcurl holds each transfer to its average rate, so 192 KiB
+// at 128 KiB/s take about 1.5 s (a first buffer may go at once: at least 0.7 s
+// is asked for here, where the same bodies unlimited take milliseconds).
+TEST_F(HttpClientRequest, RateLimitedBodiesArriveWholeAndOkNoFasterThanAsked)
+{
+    constexpr int kBytes = 192 * 1024;
+    constexpr qint64 kBytesPerSecond = 128 * 1024;
+    options.setReadSizeLimit(-1);
+    RecordedRequest download;
+    download.method = "GET";
+    download.target = "/bytes/" + QByteArray::number(kBytes);
+    HttpClientOptions receiving = options;
+    receiving.setMaxReceiveBytesPerSecond(kBytesPerSecond);
+    QElapsedTimer clock;
+    clock.start();
+    client.get(url(download.target), receiving, results.callback());
+    ASSERT_TRUE(results.waitFor(1));
+    EXPECT_GE(clock.elapsed(), 700);
+    EXPECT_EQ(results.received[0].status, HttpClientStatus::OK);
+    EXPECT_EQ(results.received[0].body, LoopbackServer::defaultRoutes(download).body);
+
+    HttpClientOptions sending = options;
+    sending.setMaxSendBytesPerSecond(kBytesPerSecond);
+    const QByteArray body(kBytes, 's');
+    clock.restart();
+    client.post(url("/echo"), body, sending, results.callback());
+    ASSERT_TRUE(results.waitFor(2));
+    EXPECT_GE(clock.elapsed(), 700);
+    EXPECT_EQ(results.received[1].status, HttpClientStatus::OK);
+    EXPECT_EQ(results.received[1].body, body);
 }
 
 TEST_F(HttpClientRequest, ByteBodiesArriveByteExact)

@@ -16,6 +16,8 @@ TEST(HttpClientOptions, DefaultsAreInPlace)
     EXPECT_TRUE(options.verifyPeer());
     EXPECT_TRUE(options.headers().headers().isEmpty());
     EXPECT_TRUE(options.postRedirectFlags().isEmpty());
+    EXPECT_EQ(options.maxReceiveBytesPerSecond(), 0);
+    EXPECT_EQ(options.maxSendBytesPerSecond(), 0);
     // The context is this record's own: the getter's copy makes the second reference.
     const HttpClientPrivate context = options.userData();
     EXPECT_EQ(context.constData()->ref.loadRelaxed(), 2);
@@ -89,6 +91,8 @@ TEST(HttpClientOptions, SettersStoreValuesUnchanged)
     options.setVerifyPeer(false);
     options.setHeaders(HttpClientHeaders({ { "X-A", "1" } }));
     options.setPostRedirectFlags({ HttpClientOptions::PostRedir303 });
+    options.setMaxReceiveBytesPerSecond(5000000000LL); // past 32 bits
+    options.setMaxSendBytesPerSecond(-2);
     EXPECT_EQ(options.timeoutMs(), 1500);
     EXPECT_EQ(options.readSizeLimit(), -3);
     EXPECT_TRUE(options.immediateRead());
@@ -99,6 +103,8 @@ TEST(HttpClientOptions, SettersStoreValuesUnchanged)
     EXPECT_EQ(options.headers().value("x-a", QString()), "1");
     EXPECT_EQ(options.postRedirectFlags(),
         QSet<HttpClientOptions::HttpPostRedirFlags> { HttpClientOptions::PostRedir303 });
+    EXPECT_EQ(options.maxReceiveBytesPerSecond(), 5000000000LL);
+    EXPECT_EQ(options.maxSendBytesPerSecond(), -2);
 }
 
 } // namespace

@@ -313,6 +313,29 @@ TEST(HttpClientTransferConfig, AppendedValuesBecomeOneListLineEachInOrder)
     EXPECT_EQ(lines.size(), 3);
 }
 
+TEST(HttpClientTransferConfig, RateLimitsOnlyWhenPositive)
+{
+    TransferFactory factory;
+    for (const qint64 limit : { 0LL, -1LL }) {
+        HttpClientOptions options;
+        options.setMaxReceiveBytesPerSecond(limit);
+        options.setMaxSendBytesPerSecond(limit);
+        auto transfer = factory.make(HttpClient::Post, options);
+        EXPECT_FALSE(isSet(*transfer, CURLOPT_MAX_RECV_SPEED_LARGE)) << limit;
+        EXPECT_FALSE(isSet(*transfer, CURLOPT_MAX_SEND_SPEED_LARGE)) << limit;
+    }
+    HttpClientOptions receiveOnly;
+    receiveOnly.setMaxReceiveBytesPerSecond(5000000000LL);
+    auto receiving = factory.make(HttpClient::Get, receiveOnly);
+    EXPECT_EQ(easyOption(*receiving, CURLOPT_MAX_RECV_SPEED_LARGE), 5000000000LL);
+    EXPECT_FALSE(isSet(*receiving, CURLOPT_MAX_SEND_SPEED_LARGE));
+    HttpClientOptions sendOnly;
+    sendOnly.setMaxSendBytesPerSecond(1);
+    auto sending = factory.make(HttpClient::Post, sendOnly);
+    EXPECT_EQ(easyOption(*sending, CURLOPT_MAX_SEND_SPEED_LARGE), 1);
+    EXPECT_FALSE(isSet(*sending, CURLOPT_MAX_RECV_SPEED_LARGE));
+}
+
 TEST(HttpClientTransferConfig, PushConstructorInstallsOnlyTheReceiveCallbacks)
 {
     CURL* const pushed = curl_easy_init();

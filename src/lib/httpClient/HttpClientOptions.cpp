@@ -153,6 +153,26 @@ const HttpClientOptions::ProgressCallback& HttpClientOptions::progressCallback()
     return progressCallback_;
 }
 
+void HttpClientOptions::setMaxReceiveBytesPerSecond(qint64 bytesPerSecond)
+{
+    maxReceiveBytesPerSecond_ = bytesPerSecond;
+}
+
+qint64 HttpClientOptions::maxReceiveBytesPerSecond() const
+{
+    return maxReceiveBytesPerSecond_;
+}
+
+void HttpClientOptions::setMaxSendBytesPerSecond(qint64 bytesPerSecond)
+{
+    maxSendBytesPerSecond_ = bytesPerSecond;
+}
+
+qint64 HttpClientOptions::maxSendBytesPerSecond() const
+{
+    return maxSendBytesPerSecond_;
+}
+
 void HttpClientOptions::setHeaders(const HttpClientHeaders& headers)
 {
     headers_ = headers;

@@ -1,5 +1,6 @@
 // How a request's options become libcurl easy options: headers, TLS, encoding,
-// HTTP version, URL and protocols, buffers, redirects, keep-alive, timeout, method.
+// HTTP version, URL and protocols, buffers, redirects, keep-alive, timeouts,
+// rate limits, method.
 
 #include <trel/HttpClient.h>
 #include <trel/HttpClientTransfer.h>
@@ -119,6 +120,7 @@ void HttpClientTransfer::configure(int httpVersion)
     if (options.connectTimeoutMs() > 0) {
         curl_easy_setopt(handle, CURLOPT_CONNECTTIMEOUT_MS, static_cast<long>(options.connectTimeoutMs()));
     }
+    configureRateLimits();
 
     switch (method) {
     case HttpClient::Head:
@@ -144,6 +146,20 @@ void HttpClientTransfer::configure(int httpVersion)
     const QSet<HttpClientOptions::HttpPostRedirFlags> postRedirect = options.postRedirectFlags();
     if (!postRedirect.isEmpty()) {
         curl_easy_setopt(handle, CURLOPT_POSTREDIR, postRedirectMask(postRedirect));
+    }
+}
+
+// Set only when asked for: libcurl's default is no limit either way.
+void HttpClientTransfer::configureRateLimits()
+{
+    CURL* const handle = easy.get();
+    if (options.maxReceiveBytesPerSecond() > 0) {
+        curl_easy_setopt(handle, CURLOPT_MAX_RECV_SPEED_LARGE,
+            static_cast<curl_off_t>(options.maxReceiveBytesPerSecond()));
+    }
+    if (options.maxSendBytesPerSecond() > 0) {
+        curl_easy_setopt(
+            handle, CURLOPT_MAX_SEND_SPEED_LARGE, static_cast<curl_off_t>(options.maxSendBytesPerSecond()));
     }
 }
 
