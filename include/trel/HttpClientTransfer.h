@@ -283,6 +283,7 @@ private:
     void installReceiveCallbacks();
     void installProgressCallback();
     void configureRateLimits();
+    void forgetParentCallbacks();
     bool addMimePart(curl_mime* mime, const HttpClientMultipart::Part& part);
     bool noteIfUnreadable(const QString& path);
     void noteProgress(qint64 received, qint64 receiveTotal, qint64 sent, qint64 sendTotal);

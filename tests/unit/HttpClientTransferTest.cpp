@@ -336,7 +336,10 @@ TEST(HttpClientTransferConfig, RateLimitsOnlyWhenPositive)
     EXPECT_FALSE(isSet(*sending, CURLOPT_MAX_RECV_SPEED_LARGE));
 }
 
-TEST(HttpClientTransferConfig, PushConstructorInstallsOnlyTheReceiveCallbacks)
+// libcurl makes a pushed handle as a copy of its parent's: the parent's debug
+// and progress functions, pointing at the parent's transfer, are turned off and
+// failures are written into the pushed transfer's own buffer.
+TEST(HttpClientTransferConfig, PushConstructorInstallsTheReceiveCallbacksAndDropsTheParentsOthers)
 {
     CURL* const pushed = curl_easy_init();
     CURLM* const multi = curl_multi_init();
@@ -347,9 +350,16 @@ TEST(HttpClientTransferConfig, PushConstructorInstallsOnlyTheReceiveCallbacks)
         HttpClientTransfer transfer(HttpClient::Http2, pushed, multi, options,
             [&](HttpClientStatus, long, QByteArray, HttpClientHeaders) { ++calls; });
         EXPECT_EQ(transfer.handle(), pushed);
-        EXPECT_EQ(curlOptions::easyCount(pushed), 4);
+        EXPECT_EQ(curlOptions::easyCount(pushed), 11);
         EXPECT_TRUE(curlOptions::easy(pushed, CURLOPT_WRITEFUNCTION));
         EXPECT_TRUE(curlOptions::easy(pushed, CURLOPT_HEADERFUNCTION));
+        EXPECT_EQ(curlOptions::easy(pushed, CURLOPT_VERBOSE)->value, 0);
+        EXPECT_EQ(curlOptions::easy(pushed, CURLOPT_DEBUGFUNCTION)->value, 0);
+        EXPECT_EQ(curlOptions::easy(pushed, CURLOPT_DEBUGDATA)->value, 0);
+        EXPECT_EQ(curlOptions::easy(pushed, CURLOPT_NOPROGRESS)->value, 1);
+        EXPECT_EQ(curlOptions::easy(pushed, CURLOPT_XFERINFOFUNCTION)->value, 0);
+        EXPECT_EQ(curlOptions::easy(pushed, CURLOPT_XFERINFODATA)->value, 0);
+        EXPECT_NE(curlOptions::easy(pushed, CURLOPT_ERRORBUFFER)->value, 0);
         EXPECT_EQ(Access::activeMulti(transfer), multi); // active from birth
         EXPECT_EQ(Access::buffer(transfer).sizeLimit, 10);
         LogCapture capture;

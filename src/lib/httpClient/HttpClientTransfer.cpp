@@ -76,7 +76,24 @@ HttpClientTransfer::HttpClientTransfer(
     receiveBuffer.sizeLimit = options.readSizeLimit();
     receiveBuffer.reserveAnnounced = !options.immediateRead();
     receiveBuffer.limitPerDelivery = options.immediateRead();
+    forgetParentCallbacks();
     installReceiveCallbacks();
+}
+
+// libcurl makes a pushed handle as a copy of its parent's, options included:
+// left alone, the parent's debug and progress functions would be called with
+// the parent's transfer (which may be gone by then, and whose caller asked for
+// reports of its own request only), and failures written into its buffer.
+void HttpClientTransfer::forgetParentCallbacks()
+{
+    CURL* const handle = easy.get();
+    curl_easy_setopt(handle, CURLOPT_VERBOSE, 0L);
+    curl_easy_setopt(handle, CURLOPT_DEBUGFUNCTION, static_cast<curl_debug_callback>(nullptr));
+    curl_easy_setopt(handle, CURLOPT_DEBUGDATA, static_cast<void*>(nullptr));
+    curl_easy_setopt(handle, CURLOPT_NOPROGRESS, 1L);
+    curl_easy_setopt(handle, CURLOPT_XFERINFOFUNCTION, static_cast<curl_xferinfo_callback>(nullptr));
+    curl_easy_setopt(handle, CURLOPT_XFERINFODATA, static_cast<void*>(nullptr));
+    curl_easy_setopt(handle, CURLOPT_ERRORBUFFER, errorText.data());
 }
 
 HttpClientTransfer::~HttpClientTransfer()
