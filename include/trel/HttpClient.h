@@ -775,7 +775,7 @@ private:
         TrelUrl url, HttpMethod method, const HttpClientOptions& options, const Reply& reply);
     void notifyCaller(const Reply& reply, const HttpClientResult& result, const HttpClientPrivate& context);
     void queueCallback(const HttpClientResult& result, const Reply& reply);
-    void queueProgressReport(std::function<void()> report);
+    void queueReport(std::function<void()> report);
     void endInactive(void* id, qint64 idleMs);
     CURLSH* ensureCookieShare();
     void applyCookieEngine(CURL* handle);

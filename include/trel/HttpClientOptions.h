@@ -47,7 +47,8 @@ public:
     /// The defaults: no timeout, a read size limit of 65536 bytes, no immediate
     /// read, at most 5 redirects, no credentials sent on to redirect targets,
     /// compression asked for, peers verified, no extra headers, no POST
-    /// redirect flags, an empty caller context, and no rate limits.
+    /// redirect flags, an empty caller context, no rate limits, and no
+    /// progress or trace callback.
     HttpClientOptions();
 
     /// Sets the caller context handed back beside every result of the request
@@ -197,6 +198,43 @@ public:
     /// The send rate limit in bytes per second; below 1 means none.
     qint64 maxSendBytesPerSecond() const;
 
+    /// What a piece of a request's trace is (see setTraceCallback()).
+    enum TraceKind
+    {
+        /// One of libcurl's informational lines, as `curl -v` shows them after
+        /// "* " (without that prefix): "Connected to 127.0.0.1 (127.0.0.1) port
+        /// 8080", TLS handshake steps, connection reuse, ...; line end included.
+        TraceText,
+        /// One response header line exactly as received, CRLF included: the
+        /// status line and fields of every response, redirects and interim
+        /// (1xx) responses too. Over HTTP/2, libcurl writes the status line as
+        /// "HTTP/2 200" and the fields in lower case.
+        TraceHeaderIn,
+        /// The request head as libcurl sent it: request line, every field and
+        /// the blank line, in one piece or a few (one per request for a redirect
+        /// followed). Over HTTP/2 written as HTTP/1.1 would be, with "HTTP/2".
+        TraceHeaderOut,
+    };
+
+    /// What setTraceCallback() takes: the kind of a piece and its bytes.
+    using TraceCallback = std::function<void(HttpClientOptions::TraceKind kind, const QByteArray& data)>;
+
+    /// Calls \p callback with libcurl's account of the request as it happens:
+    /// its informational lines, the request head sent and the response header
+    /// lines received (see TraceKind); body bytes and TLS records are never
+    /// passed, so what is held stays as small as the heads. The callback runs
+    /// on the client's thread, from the event loop (never inside a request
+    /// call, HttpClient::cancel() or a libcurl callback), with the pieces in
+    /// the order libcurl produced them, every one before the request's result.
+    /// No order with progress reports is promised: the last progress report
+    /// may come before the last pieces. Pushed responses and responses answered
+    /// from the cache report none. Empty (the default) costs nothing: libcurl's
+    /// verbose mode and debug function stay off.
+    /// \param callback receives each piece; empty for no trace.
+    void setTraceCallback(TraceCallback callback);
+    /// The trace callback; empty unless set.
+    const TraceCallback& traceCallback() const;
+
     /// Extra request header fields, sent as given; a field libcurl would send
     /// itself is replaced by one of the same name. A name given values with
     /// HttpClientHeaders::append() goes out as one line per value. An
@@ -232,6 +270,7 @@ private:
     ProgressCallback progressCallback_;
     qint64 maxReceiveBytesPerSecond_ = 0;
     qint64 maxSendBytesPerSecond_ = 0;
+    TraceCallback traceCallback_;
     QSet<HttpPostRedirFlags> postRedirectFlags_;
 };
 

@@ -217,11 +217,15 @@ public:
     /// left alone (an ERROR log line says so).
     /// \param waitedMs how long it waited, for the reason's words.
     void timeOutUnstarted(std::int64_t waitedMs);
-    /// Where the transfer's last progress report goes: \p queue takes the
-    /// report and runs it from the event loop, in order with the results it
-    /// delivers (the client's delivery queue), since the transfer itself is
-    /// gone by then. Without one, no last report is made.
-    void setFinalProgressQueue(std::function<void(std::function<void()>)> queue);
+    /// Where the reports that must reach the caller ahead of the result go:
+    /// the last progress report, and every piece of the request's trace
+    /// (HttpClientOptions::setTraceCallback()). \p queue takes a report, made
+    /// inside a libcurl callback or as the transfer ends, and runs it from the
+    /// event loop, in order with the results it delivers (the client's
+    /// delivery queue), so it never runs inside libcurl and outlives the
+    /// transfer. Without one, no last progress report and no trace is made.
+    /// \param queue takes each report; called on the client's thread.
+    void setReportQueue(std::function<void(std::function<void()>)> queue);
     /// What runs when the request's inactivity limit
     /// (HttpClientOptions::setInactivityTimeoutMs()) runs out: \p expire,
     /// given how long nothing moved, ends the request through its owner, which
@@ -262,6 +266,18 @@ public:
     /// \return 0: the transfer goes on.
     static int curlProgress(
         void* transfer, curl_off_t dltotal, curl_off_t dlnow, curl_off_t ultotal, curl_off_t ulnow);
+    /// libcurl's debug callback (CURLOPT_DEBUGFUNCTION, with CURLOPT_VERBOSE),
+    /// installed only for a request with a trace callback: queues informational
+    /// text and header lines, in and out, for the trace callback (see
+    /// setReportQueue()); body and TLS data are passed over. Runs on the
+    /// client's thread inside libcurl, and never calls the caller from there.
+    /// \param easy the easy handle (unused).
+    /// \param type what \p data is.
+    /// \param data the piece, not NUL-terminated.
+    /// \param size the bytes of \p data.
+    /// \param transfer the HttpClientTransfer.
+    /// \return 0, as libcurl requires.
+    static int curlDebug(CURL* easy, curl_infotype type, char* data, size_t size, void* transfer);
 
 private:
     friend class HttpClientTransferTestAccess; // white-box checks of buffers and holders
@@ -282,8 +298,10 @@ private:
     bool urlCarriesCredentials() const;
     void installReceiveCallbacks();
     void installProgressCallback();
+    void installTraceCallback();
     void configureRateLimits();
     void forgetParentCallbacks();
+    void queueTrace(HttpClientOptions::TraceKind kind, const QByteArray& piece);
     bool addMimePart(curl_mime* mime, const HttpClientMultipart::Part& part);
     bool noteIfUnreadable(const QString& path);
     void noteProgress(qint64 received, qint64 receiveTotal, qint64 sent, qint64 sendTotal);
@@ -332,7 +350,10 @@ private:
         QElapsedTimer sinceMoved; // restarted whenever a number changes
     };
     Progress progress;
-    std::function<void(std::function<void()>)> finalProgressQueue;
+    std::function<void(std::function<void()>)> reportQueue;
+    // The caller's trace callback, shared by the pieces queued for it: each
+    // piece may run after the transfer is gone. Null without one.
+    std::shared_ptr<const HttpClientOptions::TraceCallback> traceReceiver;
     // Single shot, due when the limit could run out; made only for a request
     // with a limit, since a QObject per request is not free.
     std::unique_ptr<QTimer> inactivityTimer;

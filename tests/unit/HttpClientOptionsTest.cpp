@@ -18,6 +18,7 @@ TEST(HttpClientOptions, DefaultsAreInPlace)
     EXPECT_TRUE(options.postRedirectFlags().isEmpty());
     EXPECT_EQ(options.maxReceiveBytesPerSecond(), 0);
     EXPECT_EQ(options.maxSendBytesPerSecond(), 0);
+    EXPECT_FALSE(options.traceCallback());
     // The context is this record's own: the getter's copy makes the second reference.
     const HttpClientPrivate context = options.userData();
     EXPECT_EQ(context.constData()->ref.loadRelaxed(), 2);
@@ -105,6 +106,22 @@ TEST(HttpClientOptions, SettersStoreValuesUnchanged)
         QSet<HttpClientOptions::HttpPostRedirFlags> { HttpClientOptions::PostRedir303 });
     EXPECT_EQ(options.maxReceiveBytesPerSecond(), 5000000000LL);
     EXPECT_EQ(options.maxSendBytesPerSecond(), -2);
+}
+
+TEST(HttpClientOptions, TheTraceCallbackIsKeptAndTravelsWithCopies)
+{
+    HttpClientOptions options;
+    QByteArray seen;
+    options.setTraceCallback([&seen](HttpClientOptions::TraceKind kind, const QByteArray& data) {
+        seen += QByteArray::number(kind) + data;
+    });
+    const HttpClientOptions copy = options;
+    ASSERT_TRUE(copy.traceCallback());
+    copy.traceCallback()(HttpClientOptions::TraceHeaderOut, "GET");
+    EXPECT_EQ(seen, "2GET");
+    options.setTraceCallback({});
+    EXPECT_FALSE(options.traceCallback());
+    EXPECT_TRUE(copy.traceCallback());
 }
 
 } // namespace

@@ -19,9 +19,11 @@
 #include <QTemporaryDir>
 
 #include <cstdlib>
+#include <functional>
 #include <limits>
 #include <memory>
 #include <thread>
+#include <utility>
 #include <vector>
 
 // Reads the transfer's private state; declared a friend by HttpClientTransfer.
@@ -334,6 +336,61 @@ TEST(HttpClientTransferConfig, RateLimitsOnlyWhenPositive)
     auto sending = factory.make(HttpClient::Post, sendOnly);
     EXPECT_EQ(easyOption(*sending, CURLOPT_MAX_SEND_SPEED_LARGE), 1);
     EXPECT_FALSE(isSet(*sending, CURLOPT_MAX_RECV_SPEED_LARGE));
+}
+
+TEST(HttpClientTransferConfig, OnlyATraceCallbackTurnsOnVerboseAndTheDebugFunction)
+{
+    TransferFactory factory;
+    auto quiet = factory.make(HttpClient::Get);
+    EXPECT_FALSE(isSet(*quiet, CURLOPT_VERBOSE));
+    EXPECT_FALSE(isSet(*quiet, CURLOPT_DEBUGFUNCTION));
+    EXPECT_FALSE(isSet(*quiet, CURLOPT_DEBUGDATA));
+    HttpClientOptions traced;
+    traced.setTraceCallback([](HttpClientOptions::TraceKind, const QByteArray&) {});
+    auto transfer = factory.make(HttpClient::Get, traced);
+    EXPECT_EQ(easyOption(*transfer, CURLOPT_VERBOSE), 1);
+    EXPECT_EQ(easyOption(*transfer, CURLOPT_DEBUGFUNCTION),
+        reinterpret_cast<std::intptr_t>(&HttpClientTransfer::curlDebug));
+    EXPECT_EQ(easyOption(*transfer, CURLOPT_DEBUGDATA), reinterpret_cast<std::intptr_t>(transfer.get()));
+}
+
+// libcurl's debug stream, as libcurl would call the function: text and heads
+// are queued as trace pieces in order, bodies and TLS records are not, and
+// nothing reaches the caller until the queue runs what it was given.
+TEST(HttpClientTransferConfig, TheDebugFunctionQueuesTextAndHeadsButNoBodyOrTlsData)
+{
+    TransferFactory factory;
+    std::vector<std::pair<HttpClientOptions::TraceKind, QByteArray>> traced;
+    HttpClientOptions options;
+    options.setTraceCallback([&traced](HttpClientOptions::TraceKind kind, const QByteArray& data) {
+        traced.emplace_back(kind, data);
+    });
+    auto transfer = factory.make(HttpClient::Get, options);
+    std::vector<std::function<void()>> queued;
+    transfer->setReportQueue(
+        [&queued](std::function<void()> report) { queued.push_back(std::move(report)); });
+    const std::vector<std::pair<curl_infotype, QByteArray>> stream
+        = { { CURLINFO_TEXT, "Connected\n" }, { CURLINFO_HEADER_OUT, "GET / HTTP/1.1\r\n\r\n" },
+              { CURLINFO_DATA_OUT, "request body" }, { CURLINFO_SSL_DATA_OUT, "tls out" },
+              { CURLINFO_SSL_DATA_IN, "tls in" }, { CURLINFO_HEADER_IN, "HTTP/1.1 200 OK\r\n" },
+              { CURLINFO_HEADER_IN, "\r\n" }, { CURLINFO_DATA_IN, "response body" } };
+    for (const auto& [type, bytes] : stream) {
+        QByteArray copy = bytes;
+        EXPECT_EQ(HttpClientTransfer::curlDebug(transfer->handle(), type, copy.data(),
+                      static_cast<size_t>(copy.size()), transfer.get()),
+            0);
+    }
+    EXPECT_TRUE(traced.empty()); // only queued so far
+    transfer.reset(); // the pieces outlive their transfer
+    for (const auto& report : queued) {
+        report();
+    }
+    const std::vector<std::pair<HttpClientOptions::TraceKind, QByteArray>> expected
+        = { { HttpClientOptions::TraceText, "Connected\n" },
+              { HttpClientOptions::TraceHeaderOut, "GET / HTTP/1.1\r\n\r\n" },
+              { HttpClientOptions::TraceHeaderIn, "HTTP/1.1 200 OK\r\n" },
+              { HttpClientOptions::TraceHeaderIn, "\r\n" } };
+    EXPECT_EQ(traced, expected);
 }
 
 // libcurl makes a pushed handle as a copy of its parent's: the parent's debug

@@ -50,10 +50,10 @@ void HttpClient::queueCallback(const HttpClientResult& result, const Reply& repl
     postCallbackDelivery();
 }
 
-// A request's last progress report joins the same queue just before its
-// result is reported, so the caller hears it first: ahead of a callback result
-// in the queue, and delivered before a slot result's later posted call.
-void HttpClient::queueProgressReport(std::function<void()> report)
+// A request's trace pieces and last progress report join the same queue before
+// its result is reported, so the caller hears them first: ahead of a callback
+// result in the queue, and delivered before a slot result's later posted call.
+void HttpClient::queueReport(std::function<void()> report)
 {
     queuedCallbacks.push_back(QueuedCallback {
         HttpClientResult(), [report = std::move(report)](const HttpClientResult&) { report(); }, {}, false });

@@ -173,6 +173,16 @@ qint64 HttpClientOptions::maxSendBytesPerSecond() const
     return maxSendBytesPerSecond_;
 }
 
+void HttpClientOptions::setTraceCallback(TraceCallback callback)
+{
+    traceCallback_ = std::move(callback);
+}
+
+const HttpClientOptions::TraceCallback& HttpClientOptions::traceCallback() const
+{
+    return traceCallback_;
+}
+
 void HttpClientOptions::setHeaders(const HttpClientHeaders& headers)
 {
     headers_ = headers;

@@ -132,9 +132,8 @@ QSharedPointer<HttpClientTransfer> HttpClient::createTransfer(
         TREL_ERROR("Failed to create curl easy handle!");
         return {};
     }
-    if (options.progressCallback()) {
-        transfer->setFinalProgressQueue(
-            [this](std::function<void()> report) { queueProgressReport(std::move(report)); });
+    if (options.progressCallback() || options.traceCallback()) {
+        transfer->setReportQueue([this](std::function<void()> report) { queueReport(std::move(report)); });
     }
     applyCookieEngine(static_cast<CURL*>(transfer->handle()));
     if (proxyChosen) {

@@ -125,6 +125,11 @@ HttpClientTransfer::EasyHandle HttpClientTransfer::releaseHandle()
 // ---------------------------------------------------------------------------
 // Completion
 
+void HttpClientTransfer::setReportQueue(std::function<void(std::function<void()>)> queue)
+{
+    reportQueue = std::move(queue);
+}
+
 void HttpClientTransfer::start(CURLM* multi)
 {
     if (activeMulti) {

@@ -101,6 +101,7 @@ void HttpClientTransfer::configure(int httpVersion)
     curl_easy_setopt(handle, CURLOPT_REDIR_PROTOCOLS_STR, kAllowedProtocols);
     installReceiveCallbacks();
     installProgressCallback();
+    installTraceCallback();
     curl_easy_setopt(handle, CURLOPT_BUFFERSIZE,
         options.immediateRead() ? kImmediateReadBufferBytes : kReceiveBufferBytes);
     curl_easy_setopt(handle, CURLOPT_NOSIGNAL, 1L);

@@ -30,11 +30,6 @@ qint64 infoOffset(CURL* handle, CURLINFO info)
 }
 } // namespace
 
-void HttpClientTransfer::setFinalProgressQueue(std::function<void(std::function<void()>)> queue)
-{
-    finalProgressQueue = std::move(queue);
-}
-
 // Without a progress callback or an inactivity limit libcurl's progress
 // function stays off, as its default: the request pays nothing for either.
 void HttpClientTransfer::installProgressCallback()
@@ -105,7 +100,7 @@ void HttpClientTransfer::reportProgress()
 // Nothing goes out when the last report already said them.
 void HttpClientTransfer::reportFinalProgress()
 {
-    if (!options.progressCallback() || !finalProgressQueue) {
+    if (!options.progressCallback() || !reportQueue) {
         return;
     }
     CURL* const handle = easy.get();
@@ -121,7 +116,7 @@ void HttpClientTransfer::reportFinalProgress()
         TREL_TRACE("Final progress already reported");
         return;
     }
-    finalProgressQueue([report = options.progressCallback(), received, receiveTotal, sent, sendTotal] {
+    reportQueue([report = options.progressCallback(), received, receiveTotal, sent, sendTotal] {
         report(received, receiveTotal, sent, sendTotal);
     });
 }
