@@ -24,7 +24,7 @@ using trel::test::TestCertificateAuthority;
 // curl's exit codes, which trel-fetch follows.
 constexpr int kExitConnect = 7;
 constexpr int kExitUsage = 2;
-constexpr int kExitTls = 35; // every TLS failure, as trel-fetch reports them
+constexpr int kExitTls = 60; // libcurl's and curl's code for a certificate that cannot be verified
 
 class TrelFetchTrust : public ::testing::Test
 {

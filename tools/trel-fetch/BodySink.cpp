@@ -1,7 +1,9 @@
 #include "BodySink.h"
 
 #include <QDir>
+
 #include <QFileInfo>
+#include <algorithm>
 
 #include <cerrno>
 #include <cstring>
@@ -51,10 +53,11 @@ bool DeviceSink::commit()
     return write(QByteArray());
 }
 
-FileSink::FileSink(const QString& finalPath, bool clobber, bool createDirs)
+FileSink::FileSink(const QString& finalPath, bool clobber, bool createDirs, qint64 keptBytes)
     : finalPath(finalPath)
     , clobber(clobber)
     , createDirs(createDirs)
+    , keptBytes(keptBytes)
 { }
 
 bool FileSink::open()
@@ -71,6 +74,27 @@ bool FileSink::open()
     if (!file->open(QIODevice::WriteOnly)) {
         lastError = QString("cannot write '%1': %2").arg(finalPath, file->errorString());
         return false;
+    }
+    return keptBytes == 0 || copyKeptBytes();
+}
+
+// -C: the bytes the file already holds come first, copied in pieces so that a
+// large file costs no more memory than a small one.
+bool FileSink::copyKeptBytes()
+{
+    constexpr qint64 kPiece = 1 << 20;
+    QFile existing(finalPath);
+    if (!existing.open(QIODevice::ReadOnly)) {
+        lastError = QString("cannot read '%1' to resume it: %2").arg(finalPath, existing.errorString());
+        return false;
+    }
+    for (qint64 left = keptBytes; left > 0;) {
+        const QByteArray piece = existing.read(std::min(left, kPiece));
+        if (piece.isEmpty() || file->write(piece) != piece.size()) {
+            lastError = QString("cannot resume '%1': %2").arg(finalPath, file->errorString());
+            return false;
+        }
+        left -= piece.size();
     }
     return true;
 }
@@ -94,7 +118,8 @@ bool FileSink::commit()
     }
     // The check right before the rename keeps a file that appeared while the body arrived.
     if (!clobber && QFileInfo::exists(finalPath)) {
-        lastError = QString("'%1' exists: not overwritten without --clobber").arg(finalPath);
+        lastError
+            = QString("'%1' appeared while its body arrived: kept, as --no-clobber asks").arg(finalPath);
         discard();
         return false;
     }

@@ -65,8 +65,9 @@ class FileSink : public BodySink
 {
 public:
     // `clobber` false refuses to replace a file that exists when the body is
-    // committed; `createDirs` creates missing parent directories on first write.
-    FileSink(const QString& finalPath, bool clobber, bool createDirs);
+    // committed; `createDirs` creates missing parent directories on first write;
+    // `keptBytes` of the existing file come before the body (-C, resuming).
+    FileSink(const QString& finalPath, bool clobber, bool createDirs, qint64 keptBytes = 0);
     bool write(const QByteArray& bytes) override;
     bool commit() override;
     void discard() override;
@@ -74,10 +75,12 @@ public:
 
 private:
     bool open();
+    bool copyKeptBytes();
 
     const QString finalPath;
     const bool clobber;
     const bool createDirs;
+    const qint64 keptBytes;
     std::unique_ptr<QSaveFile> file; // removes its temporary file unless committed
 };
 

@@ -1,10 +1,15 @@
 #include "FetchConfig.h"
 
+#include "ConfigFile.h"
+#include "DataArguments.h"
 #include "OptionTable.h"
+#include "Outcome.h"
+#include "UrlGlob.h"
 
 #include <QFile>
 #include <QRegularExpression>
 
+#include <algorithm>
 #include <cmath>
 #include <iterator>
 #include <limits>
@@ -16,11 +21,12 @@ namespace {
 struct UsageError
 {
     QString message;
+    int exitCode = 2;
 };
 
-[[noreturn]] void fail(const QString& message)
+[[noreturn]] void fail(const QString& message, int exitCode = 2)
 {
-    throw UsageError { message };
+    throw UsageError { message, exitCode };
 }
 
 // The options of one command line in the order given, and the URLs.
@@ -177,37 +183,51 @@ long long parseInteger(const ParsedArguments& parsed, Option option, long long m
     return value;
 }
 
-// Seconds with fractions, as curl takes them, in whole milliseconds (at least 1).
+// Seconds with fractions, as curl takes them, in whole milliseconds (at least
+// 1); 0 stays 0, which means no limit.
 int parseSecondsAsMs(const ParsedArguments& parsed, Option option)
 {
     const QString text = parsed.value(option);
     bool ok = false;
     const double seconds = text.toDouble(&ok);
     const double maxSeconds = std::numeric_limits<int>::max() / 1000.0;
-    if (!ok || !std::isfinite(seconds) || seconds <= 0 || seconds > maxSeconds) {
-        fail(QString("%1 needs a number of seconds above 0 (such as 2.5), not '%2'")
+    if (!ok || !std::isfinite(seconds) || seconds < 0 || seconds > maxSeconds) {
+        fail(QString("%1 needs a number of seconds (such as 2.5; 0 for no limit), not '%2'")
                  .arg(longForm(option), text));
     }
-    return std::max(1, static_cast<int>(std::ceil(seconds * 1000.0)));
+    return seconds == 0 ? 0 : std::max(1, static_cast<int>(std::ceil(seconds * 1000.0)));
+}
+
+// A byte count with curl's suffixes: k, M, G (and T), 1024-based, any case.
+std::int64_t parseSize(const ParsedArguments& parsed, Option option)
+{
+    static const QRegularExpression size(QRegularExpression::anchoredPattern("(\\d+)([kKmMgGtT]?)"));
+    const QString text = parsed.value(option);
+    const QRegularExpressionMatch match = size.match(text);
+    const QString suffix = match.captured(2).toUpper();
+    const int shift = suffix.isEmpty() ? 0 : 10 * static_cast<int>(QString("KMGT").indexOf(suffix) + 1);
+    bool ok = false;
+    const std::int64_t number = match.captured(1).toLongLong(&ok);
+    if (!match.hasMatch() || !ok || number > (std::numeric_limits<std::int64_t>::max() >> shift)) {
+        fail(QString("%1 needs a size in bytes, with k, M or G if wanted (such as 512k), not '%2'")
+                 .arg(longForm(option), text));
+    }
+    return number << shift;
 }
 
 QByteArray readWholeFile(const QString& path, Option option)
 {
     QFile file(path);
     if (!file.open(QIODevice::ReadOnly)) {
-        fail(QString("%1: cannot read '%2': %3").arg(longForm(option), path, file.errorString()));
+        fail(QString("%1: cannot read '%2': %3").arg(longForm(option), path, file.errorString()),
+            exitcode::kRead);
     }
     return file.readAll();
 }
 
-QByteArray readAll(std::istream& input)
-{
-    const std::string text { std::istreambuf_iterator<char>(input), std::istreambuf_iterator<char>() };
-    return QByteArray(text.data(), static_cast<int>(text.size()));
-}
-
-// The six methods with operations of their own, in any case; any other HTTP
-// token becomes a custom verb sent as given, with what PUT may carry.
+// The six methods with operations of their own, written in capitals; any
+// other HTTP token (lower-case "delete" included) becomes a verb sent exactly
+// as given, as curl sends it.
 HttpClient::HttpMethod parseMethod(const QString& text, QByteArray& customVerb)
 {
     static const QList<QPair<QString, HttpClient::HttpMethod>> methods = {
@@ -219,7 +239,7 @@ HttpClient::HttpMethod parseMethod(const QString& text, QByteArray& customVerb)
         { "PATCH", HttpClient::Patch },
     };
     for (const auto& method : methods) {
-        if (method.first == text.toUpper()) {
+        if (method.first == text) {
             return method.second;
         }
     }
@@ -242,7 +262,12 @@ HttpClientHeaders parseHeaders(const QStringList& lines, const QString& userAgen
         if (!match.hasMatch() || line.contains('\r') || line.contains('\n')) {
             fail(QString("malformed header '%1': expected 'Name: value'").arg(line));
         }
-        headers.insert(match.captured(1), match.captured(2).trimmed());
+        // As curl, a name given again sends every value, each on its own line.
+        if (headers.contains(match.captured(1))) {
+            headers.append(match.captured(1), match.captured(2).trimmed());
+        } else {
+            headers.insert(match.captured(1), match.captured(2).trimmed());
+        }
     }
     if (!userAgent.isNull()) {
         headers.insert("User-Agent", userAgent);
@@ -250,35 +275,79 @@ HttpClientHeaders parseHeaders(const QStringList& lines, const QString& userAgen
     return headers;
 }
 
-QByteArray dataArgument(const QString& text, std::istream& standardInput)
+// A file part's type when none is given, guessed from the name's extension
+// as curl guesses it.
+QString guessedType(const QString& path)
 {
-    if (text == "@-") {
-        return readAll(standardInput);
+    static const QList<QPair<QString, QString>> types = {
+        { "gif", "image/gif" },
+        { "jpg", "image/jpeg" },
+        { "jpeg", "image/jpeg" },
+        { "png", "image/png" },
+        { "svg", "image/svg+xml" },
+        { "txt", "text/plain" },
+        { "htm", "text/html" },
+        { "html", "text/html" },
+        { "pdf", "application/pdf" },
+        { "xml", "application/xml" },
+    };
+    const QString extension = path.mid(path.lastIndexOf('.') + 1).toLower();
+    for (const auto& [known, type] : types) {
+        if (path.contains('.') && extension == known) {
+            return type;
+        }
     }
-    return text.startsWith('@') ? readWholeFile(text.mid(1), Option::Data) : text.toUtf8();
+    return "application/octet-stream";
 }
 
-// "@PATH;filename=NAME;type=TYPE", as curl takes a file part: the attributes
-// are optional and in any order; the file is opened when it is sent.
-void addFormFile(const QString& name, const QString& fileArgument, HttpClientMultipart& form)
+// The part after NAME=, as curl reads it: @PATH (a file part), <PATH (the
+// file's contents as the value) or the value itself, each optionally followed
+// by ;filename=NAME and ;type=TYPE in any order.
+struct FormValue
 {
-    const QStringList pieces = fileArgument.mid(1).split(';');
+    QString value;
     QString fileName;
     QString type;
+};
+
+FormValue parseFormValue(const QString& name, const QString& text)
+{
+    const QStringList pieces = text.split(';');
+    FormValue parsed { pieces.first(), {}, {} };
     for (const QString& attribute : pieces.mid(1)) {
         if (attribute.startsWith("filename=")) {
-            fileName = attribute.mid(9);
+            parsed.fileName = attribute.mid(9);
         } else if (attribute.startsWith("type=")) {
-            type = attribute.mid(5);
+            parsed.type = attribute.mid(5);
         } else {
-            fail(QString("-F %1: unknown file attribute '%2' (filename= and type= are known)")
+            fail(QString("-F %1: unknown attribute '%2' (filename= and type= are known)")
                      .arg(name, attribute));
         }
     }
-    if (pieces.first().isEmpty()) {
-        fail(QString("-F %1=@ needs a file name").arg(name));
+    return parsed;
+}
+
+void addFormPart(const QString& name, const QString& text, HttpClientMultipart& form)
+{
+    const FormValue part = parseFormValue(name, text);
+    const QChar kind = part.value.isEmpty() ? QChar() : part.value.at(0);
+    if (kind == '@' || kind == '<') {
+        const QString path = part.value.mid(1);
+        if (path.isEmpty()) {
+            fail(QString("-F %1=%2 needs a file name").arg(name, kind));
+        }
+        if (kind == '@') {
+            form.addFile(name, path, part.fileName, part.type.isEmpty() ? guessedType(path) : part.type);
+        } else {
+            form.addData(name, readWholeFile(path, Option::Form), part.fileName, part.type);
+        }
+        return;
     }
-    form.addFile(name, pieces.first(), fileName, type);
+    if (part.fileName.isEmpty() && part.type.isEmpty()) {
+        form.addField(name, part.value);
+    } else {
+        form.addData(name, part.value.toUtf8(), part.fileName, part.type);
+    }
 }
 
 void readForm(const QStringList& fields, FetchConfig& config)
@@ -286,15 +355,10 @@ void readForm(const QStringList& fields, FetchConfig& config)
     for (const QString& field : fields) {
         const int equals = field.indexOf('=');
         if (equals <= 0) {
-            fail(QString("malformed form field '%1': expected NAME=VALUE or NAME=@FILE").arg(field));
+            fail(QString("malformed form field '%1': expected NAME=VALUE, NAME=@FILE or NAME=<FILE")
+                     .arg(field));
         }
-        const QString name = field.left(equals);
-        const QString value = field.mid(equals + 1);
-        if (value.startsWith('@')) {
-            addFormFile(name, value, config.form);
-        } else {
-            config.form.addField(name, value);
-        }
+        addFormPart(field.left(equals), field.mid(equals + 1), config.form);
     }
     config.bodyKind = BodyKind::Form;
 }
@@ -310,20 +374,68 @@ void readUploadFile(const QString& path, FetchConfig& config)
     config.uploadFile = path;
 }
 
+const QList<QPair<Option, DataKind>>& dataOptions()
+{
+    static const QList<QPair<Option, DataKind>> options = {
+        { Option::Data, DataKind::Ascii },
+        { Option::DataBinary, DataKind::Binary },
+        { Option::DataRaw, DataKind::Raw },
+        { Option::DataUrlencode, DataKind::UrlEncode },
+        { Option::Json, DataKind::Json },
+    };
+    return options;
+}
+
+// -d and its kin, in the order given: the body, or with -G the query.
+void readData(const ParsedArguments& parsed, std::istream& standardInput, FetchConfig& config)
+{
+    QList<Option> wanted;
+    for (const auto& [option, kind] : dataOptions()) {
+        wanted << option;
+    }
+    QList<DataArgument> arguments;
+    for (const auto& [option, text] : parsed.inOrder(wanted)) {
+        const auto kind = std::find_if(dataOptions().cbegin(), dataOptions().cend(),
+            [option = option](const auto& entry) { return entry.first == option; });
+        arguments.append({ kind->second, text });
+    }
+    QString unreadable;
+    const std::optional<DataBody> body = buildDataBody(arguments, standardInput, unreadable);
+    if (!body) {
+        fail(QString("cannot read the data file '%1'").arg(unreadable), exitcode::kRead);
+    }
+    if (body->json) {
+        HttpClientHeaders headers = config.options.headers();
+        for (const char* name : { "Content-Type", "Accept" }) {
+            if (!headers.contains(name)) {
+                headers.insert(name, "application/json");
+            }
+        }
+        config.options.setHeaders(headers);
+    }
+    if (parsed.isSet(Option::Get)) {
+        config.queryData = body->bytes;
+        return;
+    }
+    config.bodyKind = BodyKind::Data;
+    config.data = body->bytes;
+}
+
+bool anyDataGiven(const ParsedArguments& parsed)
+{
+    return std::any_of(dataOptions().cbegin(), dataOptions().cend(),
+        [&parsed](const auto& entry) { return parsed.isSet(entry.first); });
+}
+
 void readBody(const ParsedArguments& parsed, std::istream& standardInput, FetchConfig& config)
 {
-    const int sources = int(parsed.isSet(Option::Data)) + int(parsed.isSet(Option::Form))
+    const int sources = int(anyDataGiven(parsed)) + int(parsed.isSet(Option::Form))
         + int(parsed.isSet(Option::UploadFile)) + int(parsed.isSet(Option::Stream));
     if (sources > 1) {
-        fail("-d, -F, -T and --stream are different ways to give one body: choose one");
+        fail("-d (and its kin), -F, -T and --stream are different ways to give one body: choose one");
     }
-    if (parsed.isSet(Option::Data)) {
-        config.bodyKind = BodyKind::Data;
-        QByteArrayList parts;
-        for (const QString& text : parsed.values(Option::Data)) {
-            parts.append(dataArgument(text, standardInput));
-        }
-        config.data = parts.join('&');
+    if (anyDataGiven(parsed)) {
+        readData(parsed, standardInput, config);
     } else if (parsed.isSet(Option::UploadFile)) {
         readUploadFile(parsed.value(Option::UploadFile), config);
     } else if (parsed.isSet(Option::Form)) {
@@ -333,18 +445,21 @@ void readBody(const ParsedArguments& parsed, std::istream& standardInput, FetchC
     }
 }
 
-// As with curl: -d means POST, -T means PUT, -X overrides either.
+// As with curl: -d means POST, -T means PUT, -I HEAD, -G GET, -X overrides
+// any of them, and a method without a body to send sends none.
 void readMethod(const ParsedArguments& parsed, FetchConfig& config)
 {
-    const HttpClient::HttpMethod implied = parsed.isSet(Option::UploadFile) ? HttpClient::Put
-        : config.bodyKind != BodyKind::None                                 ? HttpClient::Post
-                                                                            : HttpClient::Get;
+    const bool head = parsed.isSet(Option::Head);
+    const HttpClient::HttpMethod implied = head ? HttpClient::Head
+        : parsed.isSet(Option::UploadFile)      ? HttpClient::Put
+        : config.bodyKind != BodyKind::None     ? HttpClient::Post
+                                                : HttpClient::Get;
     config.method = parsed.isSet(Option::Request)
         ? parseMethod(parsed.value(Option::Request), config.customVerb)
         : implied;
-    const bool readOnly = config.method == HttpClient::Get || config.method == HttpClient::Head;
-    if (config.bodyKind == BodyKind::Data && readOnly) {
-        fail("-d needs a method that sends a body: POST, PUT, DELETE or PATCH");
+    config.headersOnly = head;
+    if (head && config.bodyKind != BodyKind::None) {
+        fail("-I sends HEAD, which carries no body: drop -d, -F, -T or --stream (or use -G)");
     }
     if (config.bodyKind == BodyKind::UploadFile
         && (!config.customVerb.isEmpty()
@@ -414,21 +529,71 @@ void readCookies(const ParsedArguments& parsed, FetchConfig& config)
     }
 }
 
+// -e, -r and -u are header fields curl writes for its user.
+void readHeaderShortcuts(const ParsedArguments& parsed, FetchConfig& config)
+{
+    HttpClientHeaders headers = config.options.headers();
+    if (parsed.isSet(Option::Referer)) {
+        headers.insert("Referer", parsed.value(Option::Referer));
+    }
+    if (parsed.isSet(Option::Range)) {
+        headers.insert("Range", "bytes=" + parsed.value(Option::Range));
+    }
+    if (parsed.isSet(Option::Digest)) {
+        fail("--digest is not supported: the library offers no way to ask for Digest alone");
+    }
+    if (parsed.isSet(Option::User)) {
+        const QString user = parsed.value(Option::User);
+        if (!user.contains(':')) {
+            fail("-u needs USER:PASSWORD (trel-fetch does not prompt for a password)");
+        }
+        headers.insert("Authorization", "Basic " + QString::fromLatin1(user.toUtf8().toBase64()));
+    }
+    config.options.setHeaders(headers);
+}
+
+int parseWholeSecondsAsMs(const ParsedArguments& parsed, Option option)
+{
+    return static_cast<int>(parseInteger(parsed, option, 0, std::numeric_limits<int>::max() / 1000)) * 1000;
+}
+
+void readRetry(const ParsedArguments& parsed, FetchConfig& config)
+{
+    if (parsed.isSet(Option::Retry)) {
+        config.retries = static_cast<int>(parseInteger(parsed, Option::Retry, 0, 1000000));
+    }
+    if (parsed.isSet(Option::RetryDelay)) {
+        config.retryDelayMs = parseWholeSecondsAsMs(parsed, Option::RetryDelay);
+    }
+    if (parsed.isSet(Option::RetryMaxTime)) {
+        config.retryMaxTimeMs = parseWholeSecondsAsMs(parsed, Option::RetryMaxTime);
+    }
+}
+
 void readRequestOptions(const ParsedArguments& parsed, FetchConfig& config)
 {
     HttpClientOptions& options = config.options;
     options.setHeaders(parseHeaders(parsed.values(Option::Header),
         parsed.isSet(Option::UserAgent) ? parsed.value(Option::UserAgent) : QString()));
-    if (parsed.isSet(Option::MaxTime)) {
+    readHeaderShortcuts(parsed, config);
+    if (parsed.isSet(Option::MaxTime) && parseSecondsAsMs(parsed, Option::MaxTime) > 0) {
         options.setTimeoutMs(parseSecondsAsMs(parsed, Option::MaxTime));
     }
-    if (parsed.isSet(Option::ConnectTimeout)) {
+    if (parsed.isSet(Option::ConnectTimeout) && parseSecondsAsMs(parsed, Option::ConnectTimeout) > 0) {
         options.setConnectTimeoutMs(parseSecondsAsMs(parsed, Option::ConnectTimeout));
     }
     if (parsed.isSet(Option::MaxFilesize)) {
-        config.maxFilesize
-            = parseInteger(parsed, Option::MaxFilesize, 0, std::numeric_limits<std::int64_t>::max());
+        config.maxFilesize = parseSize(parsed, Option::MaxFilesize);
     }
+    if (parsed.isSet(Option::ContinueAt)) {
+        config.continueAt = parsed.value(Option::ContinueAt) == "-"
+            ? -1
+            : parseInteger(parsed, Option::ContinueAt, 0, std::numeric_limits<std::int64_t>::max());
+    }
+    if (parsed.isSet(Option::LimitRate)) {
+        config.limitRate = parseSize(parsed, Option::LimitRate);
+    }
+    readRetry(parsed, config);
     // Like curl, redirects are followed only with -L, then up to 50 by default.
     const int maxRedirects = parsed.isSet(Option::MaxRedirs)
         ? static_cast<int>(parseInteger(parsed, Option::MaxRedirs, -1, std::numeric_limits<int>::max()))
@@ -460,8 +625,16 @@ void readOutputOptions(const ParsedArguments& parsed, FetchConfig& config)
     config.remoteNameAll = parsed.isSet(Option::RemoteNameAll);
     config.outputDir = parsed.value(Option::OutputDir);
     config.createDirs = parsed.isSet(Option::CreateDirs);
-    config.clobber = parsed.isSet(Option::Clobber);
+    // The last of --clobber and --no-clobber decides, as with curl.
+    const QList<QPair<Option, QString>> clobbering = parsed.inOrder({ Option::Clobber, Option::NoClobber });
+    config.noClobber = !clobbering.isEmpty() && clobbering.last().first == Option::NoClobber;
     config.saveErrors = parsed.isSet(Option::SaveErrors);
+    config.includeHeaders = parsed.isSet(Option::Include);
+    config.dumpHeader = parsed.value(Option::DumpHeader);
+    config.writeOut = parsed.value(Option::WriteOut);
+    if (config.writeOut.startsWith('@')) {
+        config.writeOut = QString::fromUtf8(readWholeFile(config.writeOut.mid(1), Option::WriteOut));
+    }
     if (parsed.isSet(Option::Report) || parsed.isSet(Option::ReportFile)) {
         const QString format = parsed.value(Option::Report);
         if (format != "" && format != "text" && format != "json") {
@@ -480,6 +653,7 @@ void readRunOptions(const ParsedArguments& parsed, FetchConfig& config)
     config.silent = parsed.isSet(Option::Silent);
     config.showError = parsed.isSet(Option::ShowError);
     config.failOnHttpError = parsed.isSet(Option::Fail);
+    config.failWithBody = parsed.isSet(Option::FailWithBody);
     config.verbose = parsed.isSet(Option::Verbose);
     config.traceLibrary = parsed.isSet(Option::TraceLibrary);
     config.parallel = parsed.isSet(Option::Parallel);
@@ -499,6 +673,38 @@ void readRunOptions(const ParsedArguments& parsed, FetchConfig& config)
     if (config.push && config.version != HttpClient::Http2) {
         fail("--push needs --http2: only HTTP/2 servers push");
     }
+}
+
+// Each command-line URL stands for every URL its sets and ranges make, and
+// its -o for as many files, "#N" in the name taking what the N-th set chose.
+void expandGlobs(FetchConfig& config)
+{
+    QStringList urls;
+    QList<OutputTarget> outputs;
+    int outputIndex = 0;
+    for (const QString& text : config.urls) {
+        if (text == "-") {
+            urls << text;
+            continue;
+        }
+        QString error;
+        const std::optional<QList<GlobbedUrl>> expanded = expandGlob(text, error);
+        if (!expanded) {
+            fail(QString("bad URL pattern '%1': %2 (-g takes [ ] { } literally)").arg(text, error),
+                exitcode::kMalformedUrl);
+        }
+        const bool hasOutput = outputIndex < config.outputs.size();
+        for (const GlobbedUrl& url : *expanded) {
+            urls << url.url;
+            if (hasOutput) {
+                const OutputTarget& given = config.outputs.at(outputIndex);
+                outputs.append({ given.remoteName, withChosen(given.path, url.chosen) });
+            }
+        }
+        outputIndex += hasOutput ? 1 : 0;
+    }
+    config.urls = urls;
+    config.outputs = outputs;
 }
 
 void readUrls(const ParsedArguments& parsed, FetchConfig& config)
@@ -523,11 +729,19 @@ void readUrls(const ParsedArguments& parsed, FetchConfig& config)
     if (config.outputs.size() > config.urls.size()) {
         fail("more -o/-O than URLs: each -o or -O names the output of one URL, in order");
     }
+    if (!parsed.isSet(Option::GlobOff)) {
+        expandGlobs(config);
+    }
 }
 
-ParseOutcome parse(const QStringList& arguments, std::istream& standardInput)
+ParseOutcome parse(const QStringList& commandLine, std::istream& standardInput)
 {
-    const ParsedArguments parsed(arguments);
+    QString configError;
+    const std::optional<QStringList> arguments = withConfigFiles(commandLine, standardInput, configError);
+    if (!arguments) {
+        fail(configError);
+    }
+    const ParsedArguments parsed(*arguments);
     if (parsed.isSet(Option::Help)) {
         return { Action::Help, std::nullopt, {} };
     }
@@ -554,7 +768,7 @@ ParseOutcome parseCommandLine(const QStringList& arguments, std::istream& standa
     try {
         return parse(arguments, standardInput);
     } catch (const UsageError& error) {
-        return { Action::UsageError, std::nullopt, error.message };
+        return { Action::UsageError, std::nullopt, error.message, error.exitCode };
     }
 }
 

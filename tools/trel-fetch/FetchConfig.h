@@ -51,7 +51,7 @@ struct FetchConfig
     bool remoteNameAll = false;
     QString outputDir;
     bool createDirs = false;
-    bool clobber = false;
+    bool noClobber = false; // keep an existing file; write to NAME.1, NAME.2... instead
     bool saveErrors = false;
     std::int64_t maxFilesize = -1; // -1: no limit
     ReportFormat report = ReportFormat::None;
@@ -61,9 +61,11 @@ struct FetchConfig
     HttpClient::HttpMethod method = HttpClient::Get;
     QByteArray customVerb; // -X with a method of no operation of its own (PROPFIND...): sent as given
     BodyKind bodyKind = BodyKind::None;
-    QByteArray data; // -d
+    QByteArray data; // -d and its kin, joined
+    QByteArray queryData; // -G: the data goes into each URL's query instead
     HttpClientMultipart form; // -F
     QString uploadFile; // -T; "-" is standard input
+    QString basicCredentials; // -u USER:PASSWORD
     HttpClientOptions options; // everything that maps onto one request's options
     bool cookiesEnabled = false; // -b FILE or -c: the client's cookie jar
     QString cookieFile; // -b FILE: read into the jar first (a missing file reads as empty)
@@ -71,10 +73,21 @@ struct FetchConfig
     bool proxyChosen = false; // -x or --noproxy: the environment no longer decides
     QString proxy; // with proxyChosen: the proxy's URL, or empty for none
 
+    bool includeHeaders = false; // -i: headers before the body, where the body goes
+    bool headersOnly = false; // -I: HEAD, the headers are the output
+    QString dumpHeader; // -D FILE ("-" is standard output)
+    QString writeOut; // -w FORMAT, after each transfer
+    std::optional<std::int64_t> continueAt; // -C OFFSET; -1 for "-", the output file's size
+    std::int64_t limitRate = 0; // --limit-rate, bytes a second each way; 0: none
+    int retries = 0; // --retry
+    int retryDelayMs = -1; // --retry-delay; -1: 1 s, doubling each time
+    int retryMaxTimeMs = 0; // --retry-max-time; 0: none
+
     bool progressBar = false; // -#
     bool silent = false;
     bool showError = false;
     bool failOnHttpError = false;
+    bool failWithBody = false; // --fail-with-body: exit 22 on an HTTP error, body kept
     bool verbose = false;
     bool traceLibrary = false;
     bool parallel = false;
@@ -102,6 +115,7 @@ struct ParseOutcome
     Action action = Action::UsageError;
     std::optional<FetchConfig> config; // set for Action::Run
     QString error; // set for Action::UsageError
+    int exitCode = 2; // for Action::UsageError: 2, or 26 for a data file that cannot be read
 };
 
 // `arguments` excludes the program name. `standardInput` supplies the body of -d @-.

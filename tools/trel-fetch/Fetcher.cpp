@@ -1,8 +1,11 @@
 #include "Fetcher.h"
 
+#include "WriteOut.h"
+
 #include <QDir>
 #include <QFile>
 #include <QFileInfo>
+#include <QRegularExpression>
 #include <QUrl>
 
 #include <cerrno>
@@ -69,6 +72,29 @@ Outcome tooLarge(std::int64_t limit)
         QString("Maximum file size exceeded: the body is larger than --max-filesize %1 bytes").arg(limit) };
 }
 
+// As curl names a -O file: the last segment of the URL's path as written,
+// still percent-encoded, without query or fragment.
+QString remoteFileName(const QString& url)
+{
+    const QString withoutQuery = url.left(url.indexOf(QRegularExpression("[?#]")));
+    const int schemeEnd = withoutQuery.indexOf("://");
+    const int pathStart = withoutQuery.indexOf('/', schemeEnd < 0 ? 0 : schemeEnd + 3);
+    return pathStart < 0 ? QString() : withoutQuery.mid(withoutQuery.lastIndexOf('/') + 1);
+}
+
+// --no-clobber: as curl, the first of NAME.1 ... NAME.100 that does not exist.
+std::optional<QString> unusedNumberedName(const QString& path)
+{
+    constexpr int kMostNumbers = 100;
+    for (int number = 1; number <= kMostNumbers; ++number) {
+        const QString candidate = QString("%1.%2").arg(path).arg(number);
+        if (!QFileInfo::exists(candidate)) {
+            return candidate;
+        }
+    }
+    return std::nullopt;
+}
+
 } // namespace
 
 Fetcher::Fetcher(const FetchConfig& config, Reporter& reporter, QObject* parent)
@@ -104,6 +130,11 @@ Fetcher::~Fetcher() = default;
 void Fetcher::start()
 {
     wallClock.start();
+    if (!config.dumpHeader.isEmpty()) {
+        headerDump = config.dumpHeader == "-"
+            ? std::unique_ptr<BodySink>(std::make_unique<StreamSink>(stdout))
+            : std::make_unique<FileSink>(config.dumpHeader, true, config.createDirs);
+    }
     progressTimer.start();
     int outputIndex = 0;
     for (const QString& text : config.urls) {
@@ -176,7 +207,7 @@ void Fetcher::launchMore()
     }
 }
 
-void Fetcher::launch(int jobIndex)
+void Fetcher::launch(int jobIndex, int attempt, qint64 firstAttemptMs)
 {
     const Job& job = jobs.at(jobIndex);
     const int token = nextToken++;
@@ -184,16 +215,18 @@ void Fetcher::launch(int jobIndex)
     transfer.job = jobIndex;
     transfer.round = round;
     transfer.url = job.text;
+    transfer.attempt = attempt;
+    transfer.firstAttemptMs = firstAttemptMs < 0 ? wallClock.elapsed() : firstAttemptMs;
     transfer.clock.start();
 
     TrelUrl url;
     QString error;
-    if (!parseUrl(job.text, url, error)) {
+    if (!parseUrl(requestUrlText(job), url, error)) {
         failLater(token, { exitcode::kMalformedUrl, error });
         return;
     }
     Outcome failure;
-    transfer.sink = sinkFor(job, failure);
+    transfer.sink = sinkFor(job, failure, transfer.resumeFrom);
     if (failure.failed()) {
         failLater(token, failure);
         return;
@@ -226,6 +259,21 @@ void Fetcher::launch(int jobIndex)
     }
 }
 
+// What is sent for a URL as given: http:// when it names no scheme, the data
+// of -G in its query, and with -T a path ending in / completed by the file's
+// name, all as curl does.
+QString Fetcher::requestUrlText(const Job& job) const
+{
+    QString text = job.text.contains("://") ? job.text : "http://" + job.text;
+    if (!config.queryData.isEmpty()) {
+        text += (text.contains('?') ? "&" : "?") + QString::fromUtf8(config.queryData);
+    }
+    if (config.bodyKind == BodyKind::UploadFile && config.uploadFile != "-" && text.endsWith('/')) {
+        text += QFileInfo(config.uploadFile).fileName();
+    }
+    return text;
+}
+
 // Each request reads the file afresh, so several URLs or rounds all get it whole.
 std::unique_ptr<StdinStreamer> Fetcher::openUpload(Outcome& failure) const
 {
@@ -239,37 +287,46 @@ std::unique_ptr<StdinStreamer> Fetcher::openUpload(Outcome& failure) const
     return std::make_unique<StdinStreamer>(fd, true);
 }
 
-// Standard output unless an output file was asked for; a file that exists
-// fails the request before it starts, unless --clobber.
-std::unique_ptr<BodySink> Fetcher::sinkFor(const Job& job, Outcome& failure) const
+// Standard output unless an output file was asked for. A file that exists is
+// replaced once the body is complete, as curl does, unless --no-clobber.
+std::unique_ptr<BodySink> Fetcher::sinkFor(const Job& job, Outcome& failure, std::int64_t& resumeFrom) const
 {
     std::optional<OutputTarget> target = job.output;
     if (!target && config.remoteNameAll) {
         target = OutputTarget { true, {} };
     }
-    if (!target || target->path == "-") { // as with curl, -o - is standard output
+    // As with curl, -o - is standard output; /dev/stdout is written as the
+    // stream it names, whatever standard output is (a file included).
+    if (!target || target->path == "-" || target->path == "/dev/stdout") {
         return std::make_unique<StreamSink>(stdout);
     }
-    QString name = target->path;
-    if (target->remoteName) {
-        name = QUrl(job.text).fileName();
-        if (name.isEmpty() || name == "." || name == "..") {
-            failure = { exitcode::kWrite, QString("no file name in URL '%1' for -O").arg(job.text) };
-            return nullptr;
-        }
+    if (target->path == "/dev/stderr") {
+        return std::make_unique<StreamSink>(stderr);
     }
-    const QString path = config.outputDir.isEmpty() || QFileInfo(name).isAbsolute()
+    const QString name = target->remoteName ? remoteFileName(job.text) : target->path;
+    if (name.isEmpty() || name == "." || name == "..") {
+        failure = { exitcode::kWrite, QString("no file name in URL '%1' for -O").arg(job.text) };
+        return nullptr;
+    }
+    QString path = config.outputDir.isEmpty() || QFileInfo(name).isAbsolute()
         ? name
         : QDir(config.outputDir).filePath(name);
     const QFileInfo existing(path);
     if (existing.exists() && !existing.isFile() && !existing.isDir()) {
         return std::make_unique<DeviceSink>(path);
     }
-    if (!config.clobber && existing.exists()) {
-        failure = { exitcode::kWrite, QString("'%1' exists: not overwritten without --clobber").arg(path) };
-        return nullptr;
+    if (config.noClobber && existing.exists()) {
+        const std::optional<QString> numbered = unusedNumberedName(path);
+        if (!numbered) {
+            failure = { exitcode::kWrite, QString("'%1' and its numbered names .1 to .100 exist").arg(path) };
+            return nullptr;
+        }
+        path = *numbered;
     }
-    return std::make_unique<FileSink>(path, config.clobber, config.createDirs);
+    if (config.continueAt) {
+        resumeFrom = *config.continueAt >= 0 ? *config.continueAt : (existing.exists() ? existing.size() : 0);
+    }
+    return std::make_unique<FileSink>(path, !config.noClobber, config.createDirs, resumeFrom);
 }
 
 void* Fetcher::sendStreamed(const TrelUrl& url, const QSharedPointer<HttpClientQueue>& queue,
@@ -289,6 +346,7 @@ HttpClientOptions::ProgressCallback Fetcher::progressOf(int token)
             return;
         }
         found->second.moved = received + sent;
+        found->second.sent = sent;
         const bool sends = config.bodyKind != BodyKind::None;
         found->second.toMove = receiveTotal < 0 || (sends && sendTotal < 0)
             ? -1
@@ -296,12 +354,71 @@ HttpClientOptions::ProgressCallback Fetcher::progressOf(int token)
     };
 }
 
+// Headers and text of libcurl's exchange are needed for -v, -i, -I, -D and -w.
+bool Fetcher::tracesExchange() const
+{
+    return config.verbose || config.includeHeaders || config.headersOnly || !config.dumpHeader.isEmpty()
+        || !config.writeOut.isEmpty();
+}
+
+// A method with nothing to send goes without a body, as curl sends it: no
+// Content-Length and no form Content-Type.
+void* Fetcher::sendWithoutBody(
+    const QByteArray& verb, const TrelUrl& url, HttpClientOptions options, HttpClient::Callback callback)
+{
+    HttpClientHeaders headers = options.headers();
+    for (const char* name : { "Content-Type", "Content-Length" }) {
+        if (!headers.contains(name)) {
+            headers.insert(name, QString()); // an empty field: libcurl leaves its own out
+        }
+    }
+    options.setHeaders(headers);
+    return client.sendCustomRequest(verb, url, QByteArray(), options, std::move(callback));
+}
+
+// -T FILE goes as curl sends a file: its length announced, no form type and
+// no wait for "100 Continue"; standard input's length is not known, so it is
+// sent in chunks.
+HttpClientOptions Fetcher::asFileUpload(HttpClientOptions options) const
+{
+    HttpClientHeaders headers = options.headers();
+    const QFileInfo file(config.uploadFile);
+    const QList<QPair<QString, QString>> fields = {
+        { "Content-Type", QString() },
+        { "Expect", QString() },
+        { "Content-Length", config.uploadFile == "-" ? QString() : QString::number(file.size()) },
+        // An empty field turns libcurl's chunked framing off once the length is announced.
+        { "Transfer-Encoding", QString() },
+    };
+    for (const auto& [name, value] : fields) {
+        const bool lengthUnknown = config.uploadFile == "-";
+        const bool lengthField = name == "Content-Length" || name == "Transfer-Encoding";
+        if (!headers.contains(name) && !(lengthField && lengthUnknown)) {
+            headers.insert(name, value);
+        }
+    }
+    options.setHeaders(headers);
+    return options;
+}
+
 void* Fetcher::send(const TrelUrl& url, int token, HttpClient::Callback callback)
 {
     const Transfer& transfer = transfers.at(token);
     HttpClientOptions options = config.options;
-    if (config.progressBar) {
+    if (config.progressBar || config.writeOut.contains("size_upload")) {
         options.setProgressCallback(progressOf(token));
+    }
+    if (tracesExchange()) {
+        options.setTraceCallback(traceOf(token));
+    }
+    if (transfer.resumeFrom > 0) {
+        HttpClientHeaders headers = options.headers();
+        headers.insert("Range", QString("bytes=%1-").arg(transfer.resumeFrom));
+        options.setHeaders(headers);
+    }
+    if (config.limitRate > 0) {
+        options.setMaxReceiveBytesPerSecond(config.limitRate);
+        options.setMaxSendBytesPerSecond(config.limitRate);
     }
     // Bodies are written as they arrive; only the cache needs them whole.
     const bool whole = config.cacheSize > 0;
@@ -314,16 +431,22 @@ void* Fetcher::send(const TrelUrl& url, int token, HttpClient::Callback callback
     case BodyKind::Form:
         return client.postMultipart(url, config.form, options, std::move(callback));
     case BodyKind::UploadFile:
-        return sendStreamed(url, transfer.upload ? transfer.upload->queue() : streamer->queue(), options,
-            std::move(callback));
+        return sendStreamed(url, transfer.upload ? transfer.upload->queue() : streamer->queue(),
+            asFileUpload(options), std::move(callback));
     case BodyKind::Stream:
         return client.postStream(url, streamer->queue(), options, std::move(callback));
     case BodyKind::None:
     case BodyKind::Data:
         break;
     }
-    if (!config.customVerb.isEmpty()) {
-        return client.sendCustomRequest(config.customVerb, url, config.data, options, std::move(callback));
+    const bool readOnly = config.method == HttpClient::Get || config.method == HttpClient::Head;
+    const QByteArray verb
+        = config.customVerb.isEmpty() ? QByteArray(methodName(config.method)) : config.customVerb;
+    if (config.bodyKind == BodyKind::None && (!readOnly || !config.customVerb.isEmpty())) {
+        return sendWithoutBody(verb, url, options, std::move(callback));
+    }
+    if (!config.customVerb.isEmpty() || (readOnly && config.bodyKind == BodyKind::Data)) {
+        return client.sendCustomRequest(verb, url, config.data, options, std::move(callback));
     }
     switch (config.method) {
     case HttpClient::Get:
@@ -340,6 +463,64 @@ void* Fetcher::send(const TrelUrl& url, int token, HttpClient::Callback callback
         return client.patch(url, config.data, options, std::move(callback));
     }
     return nullptr;
+}
+
+// The library delivers the trace from the event loop, before the result.
+HttpClientOptions::TraceCallback Fetcher::traceOf(int token)
+{
+    return [this, token](HttpClientOptions::TraceKind kind, const QByteArray& data) {
+        const auto found = transfers.find(token);
+        if (found != transfers.end()) {
+            onTrace(found->second, kind, data);
+        }
+    };
+}
+
+void Fetcher::onTrace(Transfer& transfer, HttpClientOptions::TraceKind kind, const QByteArray& data)
+{
+    switch (kind) {
+    case HttpClientOptions::TraceText:
+        if (config.verbose) {
+            reporter.traceLines("* ", data);
+        }
+        return;
+    case HttpClientOptions::TraceHeaderOut:
+        if (config.verbose) {
+            reporter.traceLines("> ", data);
+        }
+        return;
+    case HttpClientOptions::TraceHeaderIn:
+        if (config.verbose) {
+            reporter.traceLines("< ", data);
+        }
+        onHeaderLine(transfer, data);
+        return;
+    }
+}
+
+// One response header line as received: kept for -w, written where -i, -I
+// and -D say, and counted: a new status line begins a new response.
+void Fetcher::onHeaderLine(Transfer& transfer, const QByteArray& line)
+{
+    if (line.startsWith("HTTP/")) {
+        transfer.headerLines.clear();
+        const QByteArray version = line.mid(5, line.indexOf(' ') - 5);
+        // As curl's %{http_version}: "1", "1.1", "2".
+        transfer.httpVersion = QString::fromLatin1(version == "1.1" ? version : version.left(1));
+        const int code = line.mid(line.indexOf(' ') + 1, 3).toInt();
+        transfer.responses += code >= 200 ? 1 : 0;
+    }
+    transfer.headerLines += line;
+    if (headerDump && !headerDump->write(line)) {
+        reporter.message(headerDump->error());
+        headerDump.reset();
+    }
+    // A HEAD response's body already is its header lines (every response's, redirects included).
+    const bool headerLinesInBody = config.method == HttpClient::Head;
+    if (config.includeHeaders && !headerLinesInBody && transfer.sink && !transfer.localFailure
+        && !transfer.sink->write(line)) {
+        abort(transfer, { exitcode::kWrite, transfer.sink->error() });
+    }
 }
 
 // A request that never reached the library still gets its result from the
@@ -427,17 +608,17 @@ void Fetcher::noteResponse(Transfer& transfer)
     }
     transfer.responseSeen = true;
     transfer.expected = contentLength(transfer.headers);
-    // -f writes no error body, except into a file that --save-errors keeps.
+    // As with curl, only -f holds back an error's body, unless --fail-with-body
+    // or a file that --save-errors keeps.
     const bool savedAnyway = config.saveErrors && transfer.sink && !transfer.sink->path().isEmpty();
-    transfer.dropBody = config.failOnHttpError && transfer.code >= 400 && !savedAnyway;
-    if (config.verbose && transfer.code > 0) {
-        // Both once the response tells which protocol was spoken, as curl
-        // shows the request only once the connection has settled it.
-        const bool tls = transfer.requestUrl.toEncoded().startsWith("https:");
-        const QString protocol = spokenProtocol(transfer.headers, tls);
-        reporter.requestHeaders(
-            methodName(config.method), transfer.requestUrl, config.options.headers(), protocol);
-        reporter.responseHeaders(transfer.code, transfer.headers, protocol);
+    // HEAD's header lines are output only when -I or -i asks for them, as curl shows them.
+    const bool unwantedHeaderLines
+        = config.method == HttpClient::Head && !config.headersOnly && !config.includeHeaders;
+    transfer.dropBody = (failsWithoutBody(transfer.code) && !savedAnyway) || unwantedHeaderLines;
+    if (transfer.resumeFrom > 0 && transfer.code != 206) {
+        abort(transfer,
+            { exitcode::kRangeError, "HTTP server doesn't seem to support byte ranges. Cannot resume." });
+        return;
     }
     if (config.maxFilesize >= 0 && transfer.expected > config.maxFilesize) {
         abort(transfer, tooLarge(config.maxFilesize));
@@ -466,7 +647,7 @@ Outcome Fetcher::finalOutcome(Transfer& transfer, const HttpClientResult& result
     if (libraryErrorCode(result) == CURLE_FILESIZE_EXCEEDED) { // the library's read-size limit
         return tooLarge(config.maxFilesize);
     }
-    return classify(result, config.failOnHttpError);
+    return classify(result, config.failOnHttpError || config.failWithBody);
 }
 
 void Fetcher::complete(int token, const HttpClientResult& result)
@@ -483,10 +664,102 @@ void Fetcher::complete(int token, const HttpClientResult& result)
         noteResponse(transfer); // an empty body still has a response
     }
     Outcome outcome = finalOutcome(transfer, result);
+    if (retryLater(transfer, result, outcome)) {
+        return;
+    }
     const QString savedTo = settleBody(transfer, result, outcome);
+    writeOut(transfer, result, outcome);
     tally(recordOf(transfer, result, outcome, savedTo));
     launchMore();
     finishIfDone();
+}
+
+namespace {
+
+// curl's transient failures: a timeout, or an answer that says "later".
+bool isTransient(const Outcome& outcome, int httpCode)
+{
+    static const QList<int> laterCodes { 408, 429, 500, 502, 503, 504 };
+    return outcome.exitCode == exitcode::kTimeout || laterCodes.contains(httpCode);
+}
+
+// Retry-After in seconds, as curl honours it; -1 when absent or a date.
+int retryAfterMs(const HttpClientHeaders& headers)
+{
+    bool ok = false;
+    const int seconds = headers.value("Retry-After", QString()).toInt(&ok);
+    return ok && seconds >= 0 ? seconds * 1000 : -1;
+}
+
+} // namespace
+
+// --retry: a transient failure with attempts left starts the same URL again
+// after the delay, and counts only when the last attempt ends.
+bool Fetcher::retryLater(Transfer& transfer, const HttpClientResult& result, const Outcome& outcome)
+{
+    const int httpCode = responseCode(transfer, result);
+    if (finishing || transfer.attempt >= config.retries || transfer.cancelled || transfer.localFailure
+        || !isTransient(outcome, httpCode)) {
+        return false;
+    }
+    constexpr int kLongestDelayMs = 10 * 60 * 1000;
+    const int announced = retryAfterMs(transfer.headers);
+    const int delayMs = config.retryDelayMs >= 0 ? config.retryDelayMs
+        : announced >= 0                         ? announced
+                         : std::min(kLongestDelayMs, 1000 << std::min(transfer.attempt, 20));
+    if (config.retryMaxTimeMs > 0
+        && wallClock.elapsed() + delayMs - transfer.firstAttemptMs > config.retryMaxTimeMs) {
+        return false;
+    }
+    if (transfer.sink) {
+        transfer.sink->discard();
+    }
+    reporter.message(QString("Problem: %1. Will retry in %2 seconds. %3 retries left.")
+                         .arg(outcome.failed() ? outcome.reason : QString("HTTP error %1").arg(httpCode))
+                         .arg(delayMs / 1000)
+                         .arg(config.retries - transfer.attempt));
+    ++pendingRetries;
+    QTimer::singleShot(delayMs, this,
+        [this, job = transfer.job, attempt = transfer.attempt + 1, first = transfer.firstAttemptMs] {
+            --pendingRetries;
+            if (!finishing) {
+                launch(job, attempt, first);
+            }
+        });
+    return true;
+}
+
+void Fetcher::writeOut(const Transfer& transfer, const HttpClientResult& result, const Outcome& outcome)
+{
+    if (config.writeOut.isEmpty()) {
+        return;
+    }
+    WriteOutValues values;
+    values.httpCode = std::max(0, responseCode(transfer, result));
+    values.sizeDownload = transfer.received;
+    values.sizeUpload = transfer.sent;
+    values.timeTotal = static_cast<double>(transfer.clock.nsecsElapsed()) / 1e9;
+    values.urlEffective = result.status == HttpClientStatus::OK ? effectiveUrl(result) : transfer.url;
+    values.exitCode = outcome.exitCode;
+    values.errorMessage = outcome.reason;
+    values.numRedirects = std::max(0, transfer.responses - 1);
+    values.httpVersion = transfer.httpVersion;
+    for (const QByteArray& line : transfer.headerLines.split('\n')) {
+        const int colon = line.indexOf(':');
+        if (colon > 0 && !line.startsWith("HTTP/")) {
+            values.headers.append(
+                { QString::fromLatin1(line.left(colon)), QString::fromUtf8(line.mid(colon + 1).trimmed()) });
+        }
+    }
+    QStringList unknown;
+    for (const auto& [stream, bytes] : formatWriteOut(config.writeOut, values, unknown)) {
+        std::FILE* const target = stream == WriteOutStream::Out ? stdout : stderr;
+        std::fwrite(bytes.constData(), 1, static_cast<std::size_t>(bytes.size()), target);
+        std::fflush(target);
+    }
+    for (const QString& name : unknown) {
+        reporter.message(QString("unknown --write-out variable: '%1'").arg(name));
+    }
 }
 
 // Commits the body (standard output is flushed; a file gets its final name) or
@@ -496,9 +769,9 @@ QString Fetcher::settleBody(Transfer& transfer, const HttpClientResult& result, 
     if (!transfer.sink) {
         return {};
     }
-    // A whole response: kept when it succeeded, or when --save-errors asks for error bodies too.
+    // A whole response is kept, an HTTP error's included, unless -f holds it back.
     const bool whole = result.status == HttpClientStatus::OK && !transfer.localFailure && !transfer.cancelled;
-    const bool keep = whole && (responseCode(transfer, result) < 400 || config.saveErrors);
+    const bool keep = whole && (!failsWithoutBody(responseCode(transfer, result)) || config.saveErrors);
     if (!keep && !transfer.sink->path().isEmpty()) {
         transfer.sink->discard();
         return {};
@@ -510,6 +783,11 @@ QString Fetcher::settleBody(Transfer& transfer, const HttpClientResult& result, 
         return {};
     }
     return transfer.sink->path();
+}
+
+bool Fetcher::failsWithoutBody(int code) const
+{
+    return config.failOnHttpError && !config.failWithBody && code >= 400;
 }
 
 int Fetcher::responseCode(const Transfer& transfer, const HttpClientResult& result)
@@ -555,7 +833,7 @@ void Fetcher::tally(const ResultRecord& record)
 
 void Fetcher::finishIfDone()
 {
-    if (finishing || listOpen || nextJob < jobs.size() || !transfers.empty()) {
+    if (finishing || listOpen || nextJob < jobs.size() || !transfers.empty() || pendingRetries > 0) {
         return;
     }
     if (round < config.repeat && !jobs.isEmpty()) {
@@ -602,6 +880,9 @@ void Fetcher::finish(bool interrupted)
     progressTimer.stop();
     pushQuietTimer.stop();
     saveCookies();
+    if (headerDump && !headerDump->commit()) {
+        reporter.message(headerDump->error());
+    }
     reporter.summary(totals, wallClock.nsecsElapsed() / 1000, interrupted);
     emit finished();
 }

@@ -80,6 +80,13 @@ private:
         std::unique_ptr<BodySink> sink; // null: the body goes nowhere
         std::unique_ptr<StdinStreamer> upload; // -T FILE: this request's reader of the file
         std::optional<Outcome> localFailure; // decided by the tool, not the library
+        int attempt = 0; // --retry: 0 for the first
+        std::int64_t resumeFrom = 0; // -C: the bytes asked for begin here
+        qint64 firstAttemptMs = 0; // wall clock at the first attempt
+        std::int64_t sent = 0; // request body bytes, from the library's progress reports
+        QByteArray headerLines; // the latest response's header lines, as received
+        int responses = 0; // final (not 1xx) responses seen: one more than the redirects
+        QString httpVersion = "0"; // of the latest response: "1.1", "2"
     };
 
     void startListReader();
@@ -87,8 +94,18 @@ private:
     void onListLine(const QString& line);
     void onListEnd(const QString& error);
     void launchMore();
-    void launch(int jobIndex);
-    std::unique_ptr<BodySink> sinkFor(const Job& job, Outcome& failure) const;
+    void launch(int jobIndex, int attempt = 0, qint64 firstAttemptMs = -1);
+    QString requestUrlText(const Job& job) const;
+    void* sendWithoutBody(
+        const QByteArray& verb, const TrelUrl& url, HttpClientOptions options, HttpClient::Callback callback);
+    HttpClientOptions asFileUpload(HttpClientOptions options) const;
+    HttpClientOptions::TraceCallback traceOf(int token);
+    void onTrace(Transfer& transfer, HttpClientOptions::TraceKind kind, const QByteArray& data);
+    void onHeaderLine(Transfer& transfer, const QByteArray& line);
+    bool tracesExchange() const;
+    bool retryLater(Transfer& transfer, const HttpClientResult& result, const Outcome& outcome);
+    void writeOut(const Transfer& transfer, const HttpClientResult& result, const Outcome& outcome);
+    std::unique_ptr<BodySink> sinkFor(const Job& job, Outcome& failure, std::int64_t& resumeFrom) const;
     std::unique_ptr<StdinStreamer> openUpload(Outcome& failure) const;
     void* send(const TrelUrl& url, int token, HttpClient::Callback callback);
     HttpClientOptions::ProgressCallback progressOf(int token);
@@ -105,6 +122,8 @@ private:
     void complete(int token, const HttpClientResult& result);
     Outcome finalOutcome(Transfer& transfer, const HttpClientResult& result);
     QString settleBody(Transfer& transfer, const HttpClientResult& result, Outcome& outcome);
+    // -f without --fail-with-body: an HTTP error's body goes nowhere.
+    bool failsWithoutBody(int code) const;
     static int responseCode(const Transfer& transfer, const HttpClientResult& result);
     static ResultRecord recordOf(const Transfer& transfer, const HttpClientResult& result,
         const Outcome& outcome, const QString& savedTo);
@@ -132,6 +151,8 @@ private:
     int nextJob = 0;
     int nextToken = 0;
     bool finishing = false;
+    int pendingRetries = 0; // --retry: attempts waiting for their delay
+    std::unique_ptr<BodySink> headerDump; // -D FILE
     // (round, input index) of the first failure, and its exit code.
     std::optional<std::pair<std::pair<int, int>, int>> firstFailure;
 };

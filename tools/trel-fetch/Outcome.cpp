@@ -3,51 +3,12 @@
 namespace trelfetch {
 namespace {
 
-// libcurl's codes for a failed TLS handshake or certificate check.
-bool isTlsFailure(int code)
-{
-    switch (code) {
-    case CURLE_SSL_CONNECT_ERROR:
-    case CURLE_SSL_ENGINE_NOTFOUND:
-    case CURLE_SSL_ENGINE_SETFAILED:
-    case CURLE_SSL_CERTPROBLEM:
-    case CURLE_SSL_CIPHER:
-    case CURLE_PEER_FAILED_VERIFICATION:
-    case CURLE_USE_SSL_FAILED:
-    case CURLE_SSL_ENGINE_INITFAILED:
-    case CURLE_SSL_CACERT_BADFILE:
-    case CURLE_SSL_SHUTDOWN_FAILED:
-    case CURLE_SSL_CRL_BADFILE:
-    case CURLE_SSL_ISSUER_ERROR:
-    case CURLE_SSL_PINNEDPUBKEYNOTMATCH:
-    case CURLE_SSL_INVALIDCERTSTATUS:
-    case CURLE_SSL_CLIENTCERT:
-        return true;
-    default:
-        return false;
-    }
-}
-
-// The library has one status for most endings; libcurl's code beside it tells
-// them apart.
+// curl's exit codes are libcurl's codes, so the code beside the library's
+// reason is the exit code; a result without one counts as "other".
 int exitCodeOfError(int code)
 {
-    if (code == CURLE_TOO_MANY_REDIRECTS) {
-        return exitcode::kTooManyRedirects;
-    }
-    if (isTlsFailure(code)) {
-        return exitcode::kTls;
-    }
-    if (code == CURLE_URL_MALFORMAT) {
-        return exitcode::kMalformedUrl;
-    }
-    if (code == CURLE_READ_ERROR) {
-        return exitcode::kRead;
-    }
-    if (code == CURLE_RECV_ERROR || code == CURLE_SEND_ERROR || code == CURLE_PARTIAL_FILE) {
-        return exitcode::kReceive;
-    }
-    return exitcode::kOther;
+    constexpr int kLastCurlCode = CURL_LAST - 1;
+    return code > 0 && code <= kLastCurlCode ? code : exitcode::kOther;
 }
 
 } // namespace

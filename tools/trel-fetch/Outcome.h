@@ -21,10 +21,8 @@ constexpr int kHttpError = 22;
 constexpr int kWrite = 23;
 constexpr int kRead = 26;
 constexpr int kTimeout = 28;
-constexpr int kTls = 35;
+constexpr int kRangeError = 33;
 constexpr int kCancelled = 42;
-constexpr int kTooManyRedirects = 47;
-constexpr int kReceive = 56;
 constexpr int kFileTooLarge = 63;
 constexpr int kInterrupted = 130;
 } // namespace exitcode

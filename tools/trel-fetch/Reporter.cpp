@@ -46,45 +46,7 @@ bool isPseudoHeader(const QString& name)
 
 // Every value of a repeated field on a line of its own, as it arrived; fields
 // sorted by name.
-QStringList sortedResponseHeaders(const HttpClientHeaders& headers)
-{
-    QStringList names = headers.headers().keys();
-    names.sort(Qt::CaseInsensitive);
-    QStringList lines;
-    for (const QString& name : names) {
-        if (isPseudoHeader(name)) {
-            continue;
-        }
-        for (const QString& value : headers.values(name)) {
-            lines << name + ": " + value;
-        }
-    }
-    return lines;
-}
-
 } // namespace
-
-QString spokenProtocol(const HttpClientHeaders& headers, bool tls)
-{
-    if (!tls) {
-        const QStringList upgrades = headers.values("Upgrade");
-        const bool upgraded = std::any_of(upgrades.begin(), upgrades.end(),
-            [](const QString& value) { return value.trimmed().compare("h2c", Qt::CaseInsensitive) == 0; });
-        return upgraded ? "HTTP/2" : "HTTP/1.1";
-    }
-    bool anyField = false;
-    const QHash<QString, QString> all = headers.headers();
-    for (auto it = all.cbegin(); it != all.cend(); ++it) {
-        if (isPseudoHeader(it.key())) {
-            continue;
-        }
-        if (it.key() != it.key().toLower()) {
-            return "HTTP/1.1";
-        }
-        anyField = true;
-    }
-    return anyField ? "HTTP/2" : "HTTP/1.1";
-}
 
 Reporter::Reporter(const FetchConfig& config, bool bodiesToStandardOutput)
     : config(config)
@@ -269,36 +231,21 @@ void Reporter::result(const ResultRecord& record)
     }
 }
 
-// What the tool asked for, in curl's -v form; libcurl adds what it always sends.
-void Reporter::requestHeaders(
-    const QString& method, const TrelUrl& url, const HttpClientHeaders& headers, const QString& protocol)
+// libcurl's exchange in curl's -v form: each line of `data` behind `prefix`.
+void Reporter::traceLines(const char* prefix, const QByteArray& data)
 {
-    const QUrl parsed(url.toString());
-    const QString target = parsed.path(QUrl::FullyEncoded).isEmpty() ? "/" : parsed.path(QUrl::FullyEncoded);
-    const QString query = parsed.hasQuery() ? "?" + parsed.query(QUrl::FullyEncoded) : QString();
-    QStringList lines { QString("> %1 %2%3 %4").arg(method, target, query, protocol) };
-    const QString port = parsed.port() > 0 ? QString(":%1").arg(parsed.port()) : QString();
-    lines << "> Host: " + parsed.host() + port;
-    if (!headers.contains("User-Agent")) {
-        lines
-            << QString("> User-Agent: trel_http_client/%1").arg(QString::fromLatin1(trelHttpClientVersion()));
+    QByteArrayList lines = data.split('\n');
+    if (lines.size() > 1 && lines.last().isEmpty()) {
+        lines.removeLast(); // the piece's own final newline makes no line of its own
     }
-    const QHash<QString, QString> all = headers.headers();
-    for (auto it = all.cbegin(); it != all.cend(); ++it) {
-        lines << "> " + it.key() + ": " + it.value();
+    QByteArrayList prefixed;
+    for (QByteArray line : lines) {
+        if (line.endsWith('\r')) {
+            line.chop(1);
+        }
+        prefixed << prefix + line;
     }
-    lines << ">";
-    writeLine(stderr, lines.join('\n'));
-}
-
-void Reporter::responseHeaders(int code, const HttpClientHeaders& headers, const QString& protocol)
-{
-    QStringList lines { QString("< %1 %2").arg(protocol).arg(code) };
-    for (const QString& line : sortedResponseHeaders(headers)) {
-        lines << "< " + line;
-    }
-    lines << "<";
-    writeLine(stderr, lines.join('\n'));
+    writeLine(stderr, QString::fromUtf8(prefixed.join('\n')));
 }
 
 void Reporter::message(const QString& text)

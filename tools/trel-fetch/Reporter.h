@@ -58,12 +58,6 @@ struct ProgressSnapshot
     std::int64_t toMove = -1; // what they will move in all; -1 unless every length is known
 };
 
-// "HTTP/2" or "HTTP/1.1": the protocol a response with these fields came over.
-// Results carry no status line, but libcurl hands HTTP/2 field names in lower
-// case, as that protocol requires, and cleartext HTTP/2 only ever begins with
-// an "Upgrade: h2c" answer; an HTTP/1.1 server sends names as it spells them.
-QString spokenProtocol(const HttpClientHeaders& headers, bool tls);
-
 class Reporter
 {
 public:
@@ -72,10 +66,8 @@ public:
     bool open(QString& error);
 
     void result(const ResultRecord& record);
-    // `protocol` is what was spoken, as spokenProtocol() tells it.
-    void requestHeaders(
-        const QString& method, const TrelUrl& url, const HttpClientHeaders& headers, const QString& protocol);
-    void responseHeaders(int code, const HttpClientHeaders& headers, const QString& protocol);
+    // -v: libcurl's info text and header lines, each line behind `prefix` ("* ", "> ", "< ").
+    void traceLines(const char* prefix, const QByteArray& data);
     void message(const QString& text); // "trel-fetch: text", unless silent
     void progress(const ProgressSnapshot& snapshot);
     // Ends the progress line, then writes the summary where it belongs.

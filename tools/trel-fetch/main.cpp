@@ -47,11 +47,11 @@ void configureLogging(bool traceLibrary)
     library.setLogLevel(log4cplus::TRACE_LOG_LEVEL);
 }
 
-int usageError(const QString& message)
+int usageError(const QString& message, int exitCode = trelfetch::exitcode::kUsage)
 {
     std::fprintf(
         stderr, "trel-fetch: %s\nTry 'trel-fetch --help' for more information.\n", qPrintable(message));
-    return trelfetch::exitcode::kUsage;
+    return exitCode;
 }
 
 void printVersions()
@@ -109,7 +109,7 @@ int main(int argc, char** argv)
         std::fputs(qPrintable(trelfetch::manPage()), stdout);
         return 0;
     case trelfetch::Action::UsageError:
-        return usageError(outcome.error);
+        return usageError(outcome.error, outcome.exitCode);
     case trelfetch::Action::Run:
         break;
     }
