@@ -355,6 +355,7 @@ TEST_F(TrelFetchBesideCurl, ZeroMeansNoLimitAndSizesTakeSuffixes)
     expectSame({ "-m", "0", "--connect-timeout", "0", web("/files/f1.txt") });
     expectSame({ "--max-filesize", "1k", web("/files/f1.txt") });
     expectSame({ "--limit-rate", "100k", web("/files/f1.txt") });
+    expectSame({ "--http1.1", "-q", "--basic", "-o", "-", web("/files/f1.txt") });
 }
 
 } // namespace
