@@ -401,7 +401,8 @@ HttpClientOptions Fetcher::asFileUpload(HttpClientOptions options) const
     return options;
 }
 
-void* Fetcher::send(const TrelUrl& url, int token, HttpClient::Callback callback)
+// One request's options: the run's, with what this transfer adds.
+HttpClientOptions Fetcher::optionsFor(int token)
 {
     const Transfer& transfer = transfers.at(token);
     HttpClientOptions options = config.options;
@@ -427,6 +428,13 @@ void* Fetcher::send(const TrelUrl& url, int token, HttpClient::Callback callback
     options.setReadSizeLimit(whole && config.maxFilesize >= 0
             ? static_cast<int>(std::min<std::int64_t>(config.maxFilesize, intMax))
             : -1);
+    return options;
+}
+
+void* Fetcher::send(const TrelUrl& url, int token, HttpClient::Callback callback)
+{
+    const Transfer& transfer = transfers.at(token);
+    const HttpClientOptions options = optionsFor(token);
     switch (config.bodyKind) {
     case BodyKind::Form:
         return client.postMultipart(url, config.form, options, std::move(callback));
@@ -448,6 +456,13 @@ void* Fetcher::send(const TrelUrl& url, int token, HttpClient::Callback callback
     if (!config.customVerb.isEmpty() || (readOnly && config.bodyKind == BodyKind::Data)) {
         return client.sendCustomRequest(verb, url, config.data, options, std::move(callback));
     }
+    return sendByMethod(url, options, std::move(callback));
+}
+
+// The operations of the six methods, with -d's bytes where one takes a body.
+void* Fetcher::sendByMethod(
+    const TrelUrl& url, const HttpClientOptions& options, HttpClient::Callback callback)
+{
     switch (config.method) {
     case HttpClient::Get:
         return client.get(url, options, std::move(callback));

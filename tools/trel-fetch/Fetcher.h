@@ -98,6 +98,8 @@ private:
     QString requestUrlText(const Job& job) const;
     void* sendWithoutBody(
         const QByteArray& verb, const TrelUrl& url, HttpClientOptions options, HttpClient::Callback callback);
+    HttpClientOptions optionsFor(int token);
+    void* sendByMethod(const TrelUrl& url, const HttpClientOptions& options, HttpClient::Callback callback);
     HttpClientOptions asFileUpload(HttpClientOptions options) const;
     HttpClientOptions::TraceCallback traceOf(int token);
     void onTrace(Transfer& transfer, HttpClientOptions::TraceKind kind, const QByteArray& data);
