@@ -164,12 +164,19 @@ protected:
     static QString web(const QByteArray& path) { return QString::fromLatin1(nginx->url(path)); }
     static QString wire(const QByteArray& path) { return QString::fromLatin1(loopback->url(path)); }
 
+    // One tool ("curl" or trel-fetch) with `arguments`, in a directory of its own.
+    Seen run(
+        const QString& program, const QStringList& arguments, const QMap<QString, QByteArray>& prepared = {})
+    {
+        const QString directory = work.filePath(program == "curl" ? "curl" : "trel");
+        return runIn(program, QStringList { "-s", "-A", "probe" } + arguments, directory, prepared);
+    }
+
     // Both tools with `arguments`; their runs, curl's first.
     std::pair<Seen, Seen> both(const QStringList& arguments, const QMap<QString, QByteArray>& prepared = {})
     {
-        const QStringList withAgent = QStringList { "-s", "-A", "probe" } + arguments;
-        return { runIn("curl", withAgent, work.filePath("curl"), prepared),
-            runIn(QStringLiteral(TREL_FETCH_PATH), withAgent, work.filePath("trel"), prepared) };
+        return { run("curl", arguments, prepared),
+            run(QStringLiteral(TREL_FETCH_PATH), arguments, prepared) };
     }
 
     // The same outcome from both tools.
@@ -184,12 +191,10 @@ protected:
     void expectSameRequest(const QStringList& arguments, const QMap<QString, QByteArray>& prepared = {})
     {
         loopback->clear();
-        const Seen curl
-            = runIn("curl", QStringList { "-s", "-A", "probe" } + arguments, work.filePath("curl"), prepared);
+        const Seen curl = run("curl", arguments, prepared);
         const QList<RecordedRequest> curlRequests = loopback->requests();
         loopback->clear();
-        const Seen trel = runIn(QStringLiteral(TREL_FETCH_PATH),
-            QStringList { "-s", "-A", "probe" } + arguments, work.filePath("trel"), prepared);
+        const Seen trel = run(QStringLiteral(TREL_FETCH_PATH), arguments, prepared);
         const QList<RecordedRequest> trelRequests = loopback->requests();
         const std::string what = arguments.join(' ').toStdString();
         EXPECT_EQ(curl, trel) << what << "\n  curl: " << curl << "\n  trel: " << trel;
@@ -292,7 +297,8 @@ TEST_F(TrelFetchBesideCurl, MethodsHeadersAndCredentialsSendTheSameBytes)
     expectSameRequest({ "-X", "POST", wire("/echo") });
     expectSameRequest({ "-X", "PUT", "-d", "x", wire("/echo") });
     expectSameRequest({ "-H", "X-A: 1", "-H", "X-A: 2", "-H", "Accept:", wire("/echo") });
-    expectSameRequest({ "-u", "user:secret", "-e", "http://from.example/", "-r", "0-9", wire("/echo") });
+    expectSameRequest(
+        { "-u", "user:secret", "-e", "http://127.0.0.1/referring-page", "-r", "0-9", wire("/echo") });
     expectSameRequest({ "-T", "plain.txt", wire("/upload/") }, { { "plain.txt", "uploaded bytes" } });
 }
 
@@ -305,12 +311,11 @@ TEST_F(TrelFetchBesideCurl, FormPartsAreTheSame)
     const QMap<QString, QByteArray> files { { "notes.txt", "some notes\n" },
         { "image.png", "not really a png" }, { "data.bin", QByteArray("\0\1\2", 3) } };
     loopback->clear();
-    const Seen curl = runIn("curl", QStringList { "-s" } + arguments, work.filePath("curl"), files);
+    const Seen curl = run("curl", arguments, files);
     ASSERT_EQ(loopback->requestCount(), 1);
     const QList<trel::test::RecordedPart> curlParts = loopback->requests().first().parts;
     loopback->clear();
-    const Seen trel = runIn(
-        QStringLiteral(TREL_FETCH_PATH), QStringList { "-s" } + arguments, work.filePath("trel"), files);
+    const Seen trel = run(QStringLiteral(TREL_FETCH_PATH), arguments, files);
     ASSERT_EQ(loopback->requestCount(), 1);
     const QList<trel::test::RecordedPart> trelParts = loopback->requests().first().parts;
     EXPECT_EQ(curl.exitCode, trel.exitCode);

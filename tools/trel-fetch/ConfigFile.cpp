@@ -1,12 +1,9 @@
 #include "ConfigFile.h"
 
+#include "DataArguments.h"
 #include "OptionTable.h"
 
-#include <QFile>
 #include <QRegularExpression>
-
-#include <iterator>
-#include <string>
 
 namespace trelfetch {
 namespace {
@@ -50,13 +47,15 @@ QString lineValue(const QString& rest)
     if (value.startsWith('"')) {
         return quotedValue(value, 1);
     }
-    const int space = value.indexOf(QRegularExpression("\\s"));
+    static const QRegularExpression whiteSpace("\\s");
+    const int space = value.indexOf(whiteSpace);
     return space < 0 ? value : value.left(space);
 }
 
 std::optional<QStringList> lineArguments(const QString& line, QString& error)
 {
-    const int nameEnd = line.indexOf(QRegularExpression("[\\s=:]"));
+    static const QRegularExpression nameEnds("[\\s=:]");
+    const int nameEnd = line.indexOf(nameEnds);
     QString name = nameEnd < 0 ? line : line.left(nameEnd);
     const QString value = lineValue(nameEnd < 0 ? QString() : line.mid(nameEnd));
     if (name == "url") {
@@ -120,20 +119,12 @@ std::optional<QStringList> withConfigFiles(
             expanded << argument;
             continue;
         }
-        QByteArray text;
-        if (path == "-") {
-            const std::string all { std::istreambuf_iterator<char>(standardInput),
-                std::istreambuf_iterator<char>() };
-            text = QByteArray(all.data(), static_cast<int>(all.size()));
-        } else {
-            QFile file(path);
-            if (!file.open(QIODevice::ReadOnly)) {
-                error = QString("--config: cannot read '%1': %2").arg(path, file.errorString());
-                return std::nullopt;
-            }
-            text = file.readAll();
+        const std::optional<QByteArray> text = readSource(path, standardInput);
+        if (!text) {
+            error = QString("--config: cannot read '%1'").arg(path);
+            return std::nullopt;
         }
-        const std::optional<QStringList> fromFile = configArguments(QString::fromUtf8(text), error);
+        const std::optional<QStringList> fromFile = configArguments(QString::fromUtf8(*text), error);
         if (!fromFile) {
             error = QString("--config %1: %2").arg(path, error);
             return std::nullopt;

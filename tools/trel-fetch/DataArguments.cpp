@@ -8,25 +8,6 @@
 namespace trelfetch {
 namespace {
 
-QByteArray readAll(std::istream& input)
-{
-    const std::string text { std::istreambuf_iterator<char>(input), std::istreambuf_iterator<char>() };
-    return QByteArray(text.data(), static_cast<int>(text.size()));
-}
-
-// "-" is standard input, read once; anything else a file.
-std::optional<QByteArray> readSource(const QString& path, std::istream& standardInput)
-{
-    if (path == "-") {
-        return readAll(standardInput);
-    }
-    QFile file(path);
-    if (!file.open(QIODevice::ReadOnly)) {
-        return std::nullopt;
-    }
-    return file.readAll();
-}
-
 QByteArray withoutLineBreaks(QByteArray bytes)
 {
     bytes.replace('\r', QByteArray()).replace('\n', QByteArray());
@@ -35,6 +16,11 @@ QByteArray withoutLineBreaks(QByteArray bytes)
 
 // CONTENT, =CONTENT, NAME=CONTENT, @FILE or NAME@FILE: only the content (or
 // the file's bytes) is encoded, and a name stays as given.
+QByteArray named(const QString& name, const QByteArray& encoded)
+{
+    return name.isEmpty() ? encoded : name.toUtf8() + '=' + encoded;
+}
+
 std::optional<QByteArray> urlEncodedPiece(
     const QString& text, std::istream& standardInput, QString& unreadable)
 {
@@ -47,14 +33,12 @@ std::optional<QByteArray> urlEncodedPiece(
             unreadable = path;
             return std::nullopt;
         }
-        const QByteArray name = text.left(at).toUtf8();
-        return (name.isEmpty() ? QByteArray() : name + '=') + urlEncoded(*content);
+        return named(text.left(at), urlEncoded(*content));
     }
     if (equals < 0) {
         return urlEncoded(text.toUtf8());
     }
-    const QByteArray name = text.left(equals).toUtf8();
-    return (name.isEmpty() ? QByteArray() : name + '=') + urlEncoded(text.mid(equals + 1).toUtf8());
+    return named(text.left(equals), urlEncoded(text.mid(equals + 1).toUtf8()));
 }
 
 std::optional<QByteArray> piece(
@@ -76,6 +60,20 @@ std::optional<QByteArray> piece(
 }
 
 } // namespace
+
+std::optional<QByteArray> readSource(const QString& path, std::istream& standardInput)
+{
+    if (path == "-") {
+        const std::string text { std::istreambuf_iterator<char>(standardInput),
+            std::istreambuf_iterator<char>() };
+        return QByteArray(text.data(), static_cast<int>(text.size()));
+    }
+    QFile file(path);
+    if (!file.open(QIODevice::ReadOnly)) {
+        return std::nullopt;
+    }
+    return file.readAll();
+}
 
 QByteArray urlEncoded(const QByteArray& bytes)
 {

@@ -39,6 +39,10 @@ struct DataBody
 std::optional<DataBody> buildDataBody(
     const QList<DataArgument>& arguments, std::istream& standardInput, QString& unreadable);
 
+// The bytes of a file named on the command line, or of standard input for
+// "-" (read once, to its end); nothing when the file cannot be read.
+std::optional<QByteArray> readSource(const QString& path, std::istream& standardInput);
+
 // Percent-encodes everything but unreserved characters, a space as '+', as
 // --data-urlencode does.
 QByteArray urlEncoded(const QByteArray& bytes);

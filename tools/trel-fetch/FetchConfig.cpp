@@ -576,11 +576,14 @@ void readRequestOptions(const ParsedArguments& parsed, FetchConfig& config)
     options.setHeaders(parseHeaders(parsed.values(Option::Header),
         parsed.isSet(Option::UserAgent) ? parsed.value(Option::UserAgent) : QString()));
     readHeaderShortcuts(parsed, config);
-    if (parsed.isSet(Option::MaxTime) && parseSecondsAsMs(parsed, Option::MaxTime) > 0) {
-        options.setTimeoutMs(parseSecondsAsMs(parsed, Option::MaxTime));
+    const int maxTimeMs = parsed.isSet(Option::MaxTime) ? parseSecondsAsMs(parsed, Option::MaxTime) : 0;
+    if (maxTimeMs > 0) {
+        options.setTimeoutMs(maxTimeMs);
     }
-    if (parsed.isSet(Option::ConnectTimeout) && parseSecondsAsMs(parsed, Option::ConnectTimeout) > 0) {
-        options.setConnectTimeoutMs(parseSecondsAsMs(parsed, Option::ConnectTimeout));
+    const int connectMs
+        = parsed.isSet(Option::ConnectTimeout) ? parseSecondsAsMs(parsed, Option::ConnectTimeout) : 0;
+    if (connectMs > 0) {
+        options.setConnectTimeoutMs(connectMs);
     }
     if (parsed.isSet(Option::MaxFilesize)) {
         config.maxFilesize = parseSize(parsed, Option::MaxFilesize);

@@ -5,9 +5,9 @@
 #include <QDir>
 #include <QFile>
 #include <QFileInfo>
-#include <QRegularExpression>
 #include <QUrl>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
 #include <limits>
@@ -76,7 +76,8 @@ Outcome tooLarge(std::int64_t limit)
 // still percent-encoded, without query or fragment.
 QString remoteFileName(const QString& url)
 {
-    const QString withoutQuery = url.left(url.indexOf(QRegularExpression("[?#]")));
+    const auto end = std::find_if(url.cbegin(), url.cend(), [](QChar c) { return c == '?' || c == '#'; });
+    const QString withoutQuery = url.left(static_cast<int>(end - url.cbegin()));
     const int schemeEnd = withoutQuery.indexOf("://");
     const int pathStart = withoutQuery.indexOf('/', schemeEnd < 0 ? 0 : schemeEnd + 3);
     return pathStart < 0 ? QString() : withoutQuery.mid(withoutQuery.lastIndexOf('/') + 1);
@@ -381,19 +382,15 @@ void* Fetcher::sendWithoutBody(
 // sent in chunks.
 HttpClientOptions Fetcher::asFileUpload(HttpClientOptions options) const
 {
+    QList<QPair<QString, QString>> fields = { { "Content-Type", QString() }, { "Expect", QString() } };
+    if (config.uploadFile != "-") {
+        // An empty Transfer-Encoding turns libcurl's chunked framing off once the length is announced.
+        fields << qMakePair(QString("Content-Length"), QString::number(QFileInfo(config.uploadFile).size()))
+               << qMakePair(QString("Transfer-Encoding"), QString());
+    }
     HttpClientHeaders headers = options.headers();
-    const QFileInfo file(config.uploadFile);
-    const QList<QPair<QString, QString>> fields = {
-        { "Content-Type", QString() },
-        { "Expect", QString() },
-        { "Content-Length", config.uploadFile == "-" ? QString() : QString::number(file.size()) },
-        // An empty field turns libcurl's chunked framing off once the length is announced.
-        { "Transfer-Encoding", QString() },
-    };
     for (const auto& [name, value] : fields) {
-        const bool lengthUnknown = config.uploadFile == "-";
-        const bool lengthField = name == "Content-Length" || name == "Transfer-Encoding";
-        if (!headers.contains(name) && !(lengthField && lengthUnknown)) {
+        if (!headers.contains(name)) {
             headers.insert(name, value);
         }
     }
@@ -759,13 +756,7 @@ void Fetcher::writeOut(const Transfer& transfer, const HttpClientResult& result,
     values.errorMessage = outcome.reason;
     values.numRedirects = std::max(0, transfer.responses - 1);
     values.httpVersion = transfer.httpVersion;
-    for (const QByteArray& line : transfer.headerLines.split('\n')) {
-        const int colon = line.indexOf(':');
-        if (colon > 0 && !line.startsWith("HTTP/")) {
-            values.headers.append(
-                { QString::fromLatin1(line.left(colon)), QString::fromUtf8(line.mid(colon + 1).trimmed()) });
-        }
-    }
+    values.headers = HttpClientHeaders(transfer.headerLines);
     QStringList unknown;
     for (const auto& [stream, bytes] : formatWriteOut(config.writeOut, values, unknown)) {
         std::FILE* const target = stream == WriteOutStream::Out ? stdout : stderr;

@@ -11,13 +11,7 @@ namespace {
 
 QString headerValue(const WriteOutValues& values, const QString& name)
 {
-    QString found;
-    for (const auto& [field, value] : values.headers) {
-        if (field.compare(name, Qt::CaseInsensitive) == 0) {
-            found = found.isEmpty() ? value : found + ", " + value;
-        }
-    }
-    return found;
+    return values.headers.values(name).join(", ");
 }
 
 std::optional<QString> variable(const QString& name, const WriteOutValues& values)

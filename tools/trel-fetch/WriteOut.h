@@ -2,6 +2,8 @@
 
 // -w/--write-out: curl's format of variables, written after each transfer.
 
+#include <trel/HttpClientHeaders.h>
+
 #include <QByteArray>
 #include <QList>
 #include <QPair>
@@ -24,7 +26,7 @@ struct WriteOutValues
     QString errorMessage; // empty on success
     int numRedirects = 0;
     QString httpVersion; // "1.1", "2"; "0" when nothing answered
-    QList<QPair<QString, QString>> headers; // the final response's fields, in the order sent
+    HttpClientHeaders headers; // the final response's fields
 };
 
 enum class WriteOutStream
