@@ -12,6 +12,7 @@
 
 #include <functional>
 #include <initializer_list>
+#include <memory>
 #include <ostream>
 #include <utility>
 
@@ -121,6 +122,18 @@ private:
     // transfer's header lines.
     friend class HttpClientTransfer;
 
+    // A response head as libcurl delivered it, parsed the first time anything
+    // reads it: most callers never look at most responses' fields.
+    struct ReceivedHead;
+
+    // The fields of a response head: the server's, less any name starting with
+    // X-Trel, plus EffectiveUrlField when \p effectiveUrl is not empty.
+    static HttpClientHeaders fromReceivedHead(const QByteArray& rawBlock, const QString& effectiveUrl);
+    // The fields to read: this object's own, or its received head's.
+    const HttpClientHeaders& fields() const;
+    // Makes the received head's fields this object's own, before a change.
+    void takeOverReceivedHead();
+
     void insertAsciiLine(const char* line, int length);
     void store(const QString& key, const QString& name, const QString& value);
     void removeNamesStartingWith(const QString& lowerPrefix);
@@ -137,6 +150,9 @@ private:
     // their own (2 or more). Empty unless append() added to a stored name, so
     // a request of names given once pays nothing for it.
     QHash<QString, int> appendedLines;
+    // Set only for a response head not parsed into the hashes above; shared by
+    // copies, and parsed once for all of them, whichever thread reads first.
+    std::shared_ptr<const ReceivedHead> receivedHead;
 };
 
 /// Writes the fields of \p headers as `Name: value` separated by ", ", in no

@@ -295,7 +295,6 @@ private:
     void resumeReception();
     void configure(int httpVersion);
     void configureTlsTrust();
-    bool urlCarriesCredentials() const;
     void installReceiveCallbacks();
     void installProgressCallback();
     void installTraceCallback();

@@ -550,6 +550,42 @@ TEST_F(HttpClientRequest, SuccessCarriesNoReasonAndCancellationKeepsEmptyHeaders
     EXPECT_TRUE(results.received[1].headers.headers().isEmpty());
 }
 
+// A result handed to worker threads is read there at once: its fields are
+// parsed on first reading, and whichever thread reads first, all see the same.
+TEST_F(HttpClientRequest, AResultsFieldsReadFromSeveralThreadsAtOnceAgree)
+{
+    server().setHandler([](const RecordedRequest&) {
+        ScriptedResponse response = ScriptedResponse::ok("body");
+        response.addHeader("X-Seen", "one").addHeader("Set-Cookie", "a=1").addHeader("Set-Cookie", "b=2");
+        return response;
+    });
+    client.get(url("/fields"), options, results.callback());
+    ASSERT_TRUE(results.waitFor(1));
+    const HttpClientHeaders shared = results.received[0].headers;
+    constexpr int kReaders = 4;
+    std::atomic<int> ready { 0 };
+    std::vector<QString> seen(kReaders);
+    std::vector<QStringList> cookies(kReaders);
+    std::vector<std::thread> readers;
+    for (int i = 0; i < kReaders; ++i) {
+        readers.emplace_back([&, i] {
+            ++ready;
+            while (ready.load() < kReaders) {
+                std::this_thread::yield(); // start together, so first readings overlap
+            }
+            seen[static_cast<size_t>(i)] = shared.value("x-seen", QString());
+            cookies[static_cast<size_t>(i)] = shared.values("Set-Cookie");
+        });
+    }
+    for (std::thread& reader : readers) {
+        reader.join();
+    }
+    for (int i = 0; i < kReaders; ++i) {
+        EXPECT_EQ(seen[static_cast<size_t>(i)], "one");
+        EXPECT_EQ(cookies[static_cast<size_t>(i)], QStringList({ "a=1", "b=2" }));
+    }
+}
+
 // ---------------------------------------------------------------------------
 // User-Agent
 

@@ -6,6 +6,7 @@
 #include "Log.h"
 
 #include <cstring>
+#include <mutex>
 #include <vector>
 
 namespace {
@@ -111,6 +112,59 @@ QString asciiLowerKey(const QString& name, const char* text, int length)
 }
 } // namespace
 
+struct HttpClientHeaders::ReceivedHead
+{
+    QByteArray rawBlock;
+    QString effectiveUrl;
+    mutable std::once_flag parseOnce;
+    mutable HttpClientHeaders parsedFields;
+
+    // Safe from any number of threads: the first caller parses, the others wait.
+    const HttpClientHeaders& parsed() const
+    {
+        std::call_once(parseOnce, [this] { parsedFields = parse(); });
+        return parsedFields;
+    }
+
+    HttpClientHeaders parse() const
+    {
+        HttpClientHeaders fields(rawBlock);
+        // The X-Trel names are the library's word to its caller: a server must
+        // not be able to forge an error, an effective URL or anything added later.
+        static const QString libraryPrefix = QStringLiteral("x-trel");
+        fields.removeNamesStartingWith(libraryPrefix);
+        if (!effectiveUrl.isEmpty()) {
+            static const QString name = QString::fromLatin1(EffectiveUrlField);
+            fields.insert(name, effectiveUrl);
+        }
+        return fields;
+    }
+};
+
+HttpClientHeaders HttpClientHeaders::fromReceivedHead(const QByteArray& rawBlock, const QString& effectiveUrl)
+{
+    HttpClientHeaders headers;
+    auto head = std::make_shared<ReceivedHead>();
+    head->rawBlock = rawBlock;
+    head->effectiveUrl = effectiveUrl;
+    headers.receivedHead = std::move(head);
+    return headers;
+}
+
+const HttpClientHeaders& HttpClientHeaders::fields() const
+{
+    return receivedHead ? receivedHead->parsed() : *this;
+}
+
+void HttpClientHeaders::takeOverReceivedHead()
+{
+    if (!receivedHead) {
+        return;
+    }
+    const std::shared_ptr<const ReceivedHead> head = std::move(receivedHead);
+    *this = head->parsed(); // the hashes are shared until either side changes
+}
+
 HttpClientHeaders::HttpClientHeaders(const QHash<QString, QString>& headers)
 {
     for (auto it = headers.cbegin(); it != headers.cend(); ++it) {
@@ -183,6 +237,7 @@ void HttpClientHeaders::insertAsciiLine(const char* line, int length)
 
 void HttpClientHeaders::insert(const QString& name, const QString& value)
 {
+    takeOverReceivedHead();
     const QString key = keyOf(name);
     store(key, name, value);
     appendedLines.remove(key); // no lookup while nothing was appended
@@ -191,6 +246,7 @@ void HttpClientHeaders::insert(const QString& name, const QString& value)
 // The value stored before stays a line of its own; each append adds one.
 void HttpClientHeaders::append(const QString& name, const QString& value)
 {
+    takeOverReceivedHead();
     const QString key = keyOf(name);
     const bool stored = entries.contains(key);
     store(key, name, value);
@@ -219,6 +275,7 @@ void HttpClientHeaders::store(const QString& key, const QString& name, const QSt
 
 void HttpClientHeaders::removeNamesStartingWith(const QString& lowerPrefix)
 {
+    takeOverReceivedHead();
     for (auto it = entries.begin(); it != entries.end();) {
         if (it.key().startsWith(lowerPrefix)) {
             repeatedValues.remove(it.key());
@@ -233,14 +290,15 @@ void HttpClientHeaders::removeNamesStartingWith(const QString& lowerPrefix)
 // A name's appended values are the last ones it stored: insert() ends the run.
 void HttpClientHeaders::forEachRequestLine(const std::function<void(const QByteArray& line)>& take) const
 {
+    const HttpClientHeaders& read = fields();
     const QString separator = QStringLiteral(": ");
-    for (auto it = entries.cbegin(); it != entries.cend(); ++it) {
-        const int lines = appendedLines.value(it.key(), 1);
+    for (auto it = read.entries.cbegin(); it != read.entries.cend(); ++it) {
+        const int lines = read.appendedLines.value(it.key(), 1);
         if (lines == 1) {
             take((it->name + separator + it->value).toUtf8());
             continue;
         }
-        const QStringList all = repeatedValues.value(it.key());
+        const QStringList all = read.repeatedValues.value(it.key());
         for (int i = static_cast<int>(all.size()) - lines; i < all.size(); ++i) {
             take((it->name + separator + all[i]).toUtf8());
         }
@@ -249,38 +307,42 @@ void HttpClientHeaders::forEachRequestLine(const std::function<void(const QByteA
 
 bool HttpClientHeaders::contains(const QString& name) const
 {
-    return entries.contains(name.toLower());
+    const QHash<QString, Header>& read = fields().entries;
+    return !read.isEmpty() && read.contains(name.toLower()); // most requests have no fields to look in
 }
 
 QString HttpClientHeaders::value(const QString& name, const QString& defaultValue) const
 {
-    const auto it = entries.constFind(name.toLower());
-    return it == entries.cend() ? defaultValue : it->value;
+    const QHash<QString, Header>& read = fields().entries;
+    const auto it = read.constFind(name.toLower());
+    return it == read.cend() ? defaultValue : it->value;
 }
 
 QString HttpClientHeaders::value(const QString& name, bool* exists) const
 {
     TREL_ASSERT(exists);
-    const auto it = entries.constFind(name.toLower());
-    *exists = it != entries.cend();
+    const QHash<QString, Header>& read = fields().entries;
+    const auto it = read.constFind(name.toLower());
+    *exists = it != read.cend();
     return *exists ? it->value : QString();
 }
 
 QStringList HttpClientHeaders::values(const QString& name) const
 {
+    const HttpClientHeaders& read = fields();
     const QString key = name.toLower();
-    const auto repeated = repeatedValues.constFind(key);
-    if (repeated != repeatedValues.cend()) {
+    const auto repeated = read.repeatedValues.constFind(key);
+    if (repeated != read.repeatedValues.cend()) {
         return *repeated;
     }
-    const auto it = entries.constFind(key);
-    return it == entries.cend() ? QStringList() : QStringList { it->value };
+    const auto it = read.entries.constFind(key);
+    return it == read.entries.cend() ? QStringList() : QStringList { it->value };
 }
 
 QHash<QString, QString> HttpClientHeaders::headers() const
 {
     QHash<QString, QString> result;
-    for (const Header& entry : entries) {
+    for (const Header& entry : fields().entries) {
         result.insert(entry.name, entry.value);
     }
     return result;
@@ -289,7 +351,7 @@ QHash<QString, QString> HttpClientHeaders::headers() const
 std::ostream& operator<<(std::ostream& out, const HttpClientHeaders& headers)
 {
     bool first = true;
-    for (const HttpClientHeaders::Header& entry : headers.entries) {
+    for (const HttpClientHeaders::Header& entry : headers.fields().entries) {
         if (!first) {
             out << ", ";
         }

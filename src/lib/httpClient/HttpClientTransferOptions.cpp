@@ -9,7 +9,6 @@
 #include "Log.h"
 
 #include <QFile>
-#include <QUrl>
 
 namespace {
 const char* const kLogFile = "src/lib/httpClient/HttpClientTransfer";
@@ -47,17 +46,36 @@ long postRedirectMask(const QSet<HttpClientOptions::HttpPostRedirFlags>& flags)
     }
     return mask;
 }
-} // namespace
 
-// User information in the URL is what libcurl authenticates with.
-bool HttpClientTransfer::urlCarriesCredentials() const
+// User information in the URL is what libcurl authenticates with. In a fully
+// encoded URL an '@' of the user or password is written %40, so a literal one
+// inside the authority (between "//" and the path, query or fragment) is the
+// separator, with the user information before it.
+bool carriesUserInfo(const QByteArray& encodedUrl)
 {
-    return !QUrl::fromEncoded(url.toEncoded()).userInfo().isEmpty();
+    const int schemeEnd = encodedUrl.indexOf("://");
+    if (schemeEnd < 0) {
+        return false;
+    }
+    const int authorityStart = schemeEnd + 3;
+    const int separator = encodedUrl.indexOf('@', authorityStart);
+    if (separator <= authorityStart) {
+        return false;
+    }
+    for (int i = authorityStart; i < separator; ++i) {
+        const char c = encodedUrl.at(i);
+        if (c == '/' || c == '?' || c == '#') {
+            return false;
+        }
+    }
+    return true;
 }
+} // namespace
 
 void HttpClientTransfer::configure(int httpVersion)
 {
     CURL* const handle = easy.get();
+    const QByteArray encodedUrl = url.toEncoded();
 
     options.headers().forEachRequestLine([this](const QByteArray& line) {
         headerList.reset(curl_slist_append(headerList.release(), line.constData()));
@@ -76,7 +94,7 @@ void HttpClientTransfer::configure(int httpVersion)
         // for a request with credentials to use: without them the methods
         // change nothing on the wire, yet with NTLM among them libcurl examines
         // every pooled connection for every new transfer.
-        if (urlCarriesCredentials()) {
+        if (carriesUserInfo(encodedUrl)) {
             curl_easy_setopt(handle, CURLOPT_HTTPAUTH, CURLAUTH_ANY);
         }
         curl_easy_setopt(handle, CURLOPT_SSL_VERIFYPEER, 0L);
@@ -94,7 +112,7 @@ void HttpClientTransfer::configure(int httpVersion)
         curl_easy_setopt(handle, CURLOPT_ACCEPT_ENCODING, ""); // again; kept, it is harmless
     }
 
-    curl_easy_setopt(handle, CURLOPT_URL, url.toEncoded().constData());
+    curl_easy_setopt(handle, CURLOPT_URL, encodedUrl.constData());
     // A URL or a redirect naming file:, ftp:, gopher: and the like must never
     // reach libcurl's other protocol handlers.
     curl_easy_setopt(handle, CURLOPT_PROTOCOLS_STR, kAllowedProtocols);

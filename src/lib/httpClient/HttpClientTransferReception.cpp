@@ -187,19 +187,10 @@ long HttpClientTransfer::responseCode()
 
 HttpClientHeaders HttpClientTransfer::receivedHeaders(bool withEffectiveUrl)
 {
-    HttpClientHeaders headers(receiveBuffer.headerBlock);
-    // The X-Trel names are the library's word to its caller: a server must not
-    // be able to forge an error, an effective URL or anything added later.
-    static const QString libraryPrefix = QStringLiteral("x-trel");
-    headers.removeNamesStartingWith(libraryPrefix);
-    if (withEffectiveUrl) {
-        const QString effectiveUrl = getEffectiveUrl(easy.get());
-        if (!effectiveUrl.isEmpty()) {
-            static const QString name = QString::fromLatin1(HttpClientHeaders::EffectiveUrlField);
-            headers.insert(name, effectiveUrl);
-        }
-    }
-    return headers;
+    // Only the URL is read now: the handle goes back to the pool before anyone
+    // looks at the fields.
+    return HttpClientHeaders::fromReceivedHead(
+        receiveBuffer.headerBlock, withEffectiveUrl ? getEffectiveUrl(easy.get()) : QString());
 }
 
 void HttpClientTransfer::update()
