@@ -212,7 +212,7 @@ TEST(HttpClientSockets, AddOnlyDirectionsStayAfterLibcurlStopsAsking)
     EXPECT_TRUE(Access::writeNotifier(client, pair.watched())->isEnabled());
 }
 
-TEST(HttpClientSockets, RemoveDeletesBothNotifiersAndALaterPollCreatesAFreshOne)
+TEST(HttpClientSockets, RemoveDisablesBothNotifiersAndALaterPollEnablesOnlyWhatItAsks)
 {
     HttpClient client;
     SocketPair pair;
@@ -221,16 +221,43 @@ TEST(HttpClientSockets, RemoveDeletesBothNotifiersAndALaterPollCreatesAFreshOne)
     QPointer<QSocketNotifier> writer = Access::writeNotifier(client, pair.watched());
     LogCapture capture;
     poll(client, pair.watched(), CURL_POLL_REMOVE);
-    EXPECT_TRUE(reader.isNull()); // deleted at once, not later
-    EXPECT_TRUE(writer.isNull());
-    EXPECT_EQ(Access::readNotifier(client, pair.watched()), nullptr);
+    ASSERT_FALSE(reader.isNull());
+    ASSERT_FALSE(writer.isNull());
+    EXPECT_FALSE(reader->isEnabled()); // at once, not later
+    EXPECT_FALSE(writer->isEnabled());
     EXPECT_TRUE(capture.contains(log4cplus::TRACE_LOG_LEVEL,
         "Enter void HttpClient::removeSocket(curl_socket_t): Remove socket "
             + std::to_string(pair.watched())));
     capture.clear();
     poll(client, pair.watched(), CURL_POLL_IN);
-    EXPECT_NE(Access::readNotifier(client, pair.watched()), nullptr);
-    EXPECT_EQ(capture.count("in, creating new"), 1);
+    EXPECT_EQ(Access::readNotifier(client, pair.watched()), reader.data());
+    EXPECT_TRUE(reader->isEnabled());
+    EXPECT_FALSE(writer->isEnabled());
+    EXPECT_EQ(capture.count("in, creating new"), 0);
+    poll(client, pair.watched(), CURL_POLL_OUT);
+    EXPECT_EQ(Access::writeNotifier(client, pair.watched()), writer.data());
+    EXPECT_TRUE(writer->isEnabled());
+}
+
+// A removed descriptor's notifiers watch nothing once it is closed, so Qt's
+// dispatcher never polls a dead descriptor; the client deletes them when it goes.
+TEST(HttpClientSockets, KeptNotifiersWatchNothingOnceClosedAndGoWithTheClient)
+{
+    QPointer<QSocketNotifier> reader;
+    {
+        HttpClient client;
+        int watched = -1;
+        {
+            SocketPair pair;
+            watched = pair.watched();
+            poll(client, watched, CURL_POLL_IN);
+            reader = Access::readNotifier(client, watched);
+            poll(client, watched, CURL_POLL_REMOVE);
+        }
+        ASSERT_FALSE(reader.isNull());
+        EXPECT_FALSE(reader->isEnabled());
+    }
+    EXPECT_TRUE(reader.isNull());
 }
 
 TEST(HttpClientSockets, RemovingAnUnwatchedSocketIsSilent)
@@ -353,12 +380,13 @@ TEST(HttpClientThrottle, BlockedSocketRemovedBeforeReleaseIsDroppedSilently)
     poll(client, pair.watched(), CURL_POLL_INOUT);
     poll(client, pair.watched(), CURL_POLL_IN);
     Access::writeActivated(client, pair.watched());
-    poll(client, pair.watched(), CURL_POLL_REMOVE);
     ASSERT_TRUE(Access::blocked(client).contains(pair.watched()));
+    poll(client, pair.watched(), CURL_POLL_REMOVE);
+    EXPECT_TRUE(Access::blocked(client).isEmpty());
     LogCapture capture;
     Access::releaseTimeout(client);
-    EXPECT_TRUE(Access::blocked(client).isEmpty());
     EXPECT_EQ(capture.countPrefix(log4cplus::TRACE_LOG_LEVEL, "unblocking"), 0);
+    EXPECT_FALSE(Access::writeNotifier(client, pair.watched())->isEnabled());
 }
 
 TEST(HttpClientThrottle, SocketRemovedDuringTheWriteActionIsNotBlocked)

@@ -63,14 +63,18 @@ QSharedPointer<QSocketNotifier> HttpClient::makeNotifier(curl_socket_t socket, Q
     return QSharedPointer<QSocketNotifier>::create(socket, type, nullptr);
 }
 
-// Only ever adds: a direction libcurl stops asking for keeps its notifier until
-// the socket is removed (idle write notifiers are throttled instead).
+// Only ever adds or enables: a direction libcurl stops asking for keeps its
+// notifier enabled until the socket is removed (idle write notifiers are
+// throttled instead). A notifier kept from an earlier removal of the same
+// descriptor is enabled again rather than made anew.
 void HttpClient::listenSocket(curl_socket_t socket, bool in, bool out)
 {
     TREL_ENTER("Listen socket " << socket << " in " << in << " out " << out);
     if (in) {
-        if (readNotifiers.contains(socket)) {
+        const auto kept = readNotifiers.constFind(socket);
+        if (kept != readNotifiers.cend()) {
             TREL_TRACE("in, already present");
+            (*kept)->setEnabled(true);
         } else {
             TREL_TRACE("in, creating new");
             const auto notifier = makeNotifier(socket, QSocketNotifier::Read);
@@ -79,13 +83,13 @@ void HttpClient::listenSocket(curl_socket_t socket, bool in, bool out)
         }
     }
     if (out) {
-        if (writeNotifiers.contains(socket)) {
+        const auto kept = writeNotifiers.constFind(socket);
+        if (kept != writeNotifiers.cend()) {
             TREL_TRACE("out, already present");
             // libcurl has data to write again: a throttled notifier must not
             // hold it back for the rest of the block time.
-            if (blockedWriteSockets.remove(socket)) {
-                writeNotifiers.value(socket)->setEnabled(true);
-            }
+            blockedWriteSockets.remove(socket);
+            (*kept)->setEnabled(true);
             return;
         }
         TREL_TRACE("out, creating new");
@@ -95,12 +99,23 @@ void HttpClient::listenSocket(curl_socket_t socket, bool in, bool out)
     }
 }
 
+// The notifiers stay, disabled, for the next time libcurl asks for this
+// descriptor: with keep-alive that is the next request on the connection, and
+// making and deleting two QObjects each time cost more than the watching. A
+// disabled notifier watches nothing, so a descriptor closed and reused by
+// anyone else meanwhile is never served by it; the client deletes the kept
+// notifiers when it goes.
 void HttpClient::removeSocket(curl_socket_t socket)
 {
     TREL_ENTER("Remove socket " << socket);
-    readNotifiers.remove(socket);
-    writeNotifiers.remove(socket);
-    // blockedWriteSockets keeps the descriptor until the next release drops it.
+    for (QHash<int, QSharedPointer<QSocketNotifier>>* const notifiers : { &readNotifiers, &writeNotifiers }) {
+        const auto kept = notifiers->constFind(socket);
+        if (kept != notifiers->cend()) {
+            (*kept)->setEnabled(false);
+        }
+    }
+    // Not released by the throttle either: only libcurl's asking enables it.
+    blockedWriteSockets.remove(socket);
 }
 
 // ---------------------------------------------------------------------------
@@ -135,8 +150,10 @@ void HttpClient::on_writeNotifier_activated(int socket)
     TREL_ENTER(socket);
     on_transfer_socketData(socket, CURL_CSELECT_OUT);
     // A socket libcurl still writes to stays enabled; one it no longer asks
-    // to write to would fire on every turn, so it is silenced for a while.
-    if (writeNotifiers.contains(socket) && !writeWantedSockets.contains(socket)) {
+    // to write to would fire on every turn, so it is silenced for a while. One
+    // libcurl removed during the action is disabled already and stays so.
+    const QSharedPointer<QSocketNotifier> notifier = writeNotifiers.value(socket);
+    if (notifier && notifier->isEnabled() && !writeWantedSockets.contains(socket)) {
         blockWriteNotifier(socket);
     }
 }
