@@ -114,7 +114,9 @@ QString asciiLowerKey(const QString& name, const char* text, int length)
 
 struct HttpClientHeaders::ReceivedHead
 {
-    QByteArray rawBlock;
+    // Dropped once parsed: its capacity was reserved for reception, and a
+    // result kept for long (the cache's, say) should hold its fields only.
+    mutable QByteArray rawBlock;
     QString effectiveUrl;
     mutable std::once_flag parseOnce;
     mutable HttpClientHeaders parsedFields;
@@ -122,7 +124,10 @@ struct HttpClientHeaders::ReceivedHead
     // Safe from any number of threads: the first caller parses, the others wait.
     const HttpClientHeaders& parsed() const
     {
-        std::call_once(parseOnce, [this] { parsedFields = parse(); });
+        std::call_once(parseOnce, [this] {
+            parsedFields = parse();
+            rawBlock = QByteArray();
+        });
         return parsedFields;
     }
 
