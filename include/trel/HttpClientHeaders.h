@@ -25,7 +25,10 @@
 /// written form and its value there. values() sees every value stored under a
 /// name, in the order they were stored, so repeated fields such as `Set-Cookie`
 /// or `Link` lose nothing. A plain value, copied freely, declared to Qt's
-/// meta-type system; not synchronised, like any Qt value.
+/// meta-type system; not synchronised, like any Qt value. A result's fields
+/// are turned from the response's header lines the first time any of them is
+/// read, so a result nobody looks into costs no parsing; reading one object
+/// (or copies of it) from several threads at once is safe, changing it is not.
 ///
 /// As request fields, a name goes out as one line with its last value when it
 /// was stored with insert(), and as one line per value, in order, for the
