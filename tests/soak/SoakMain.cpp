@@ -14,6 +14,7 @@
 
 #include "LocalServers.h"
 #include "LoopbackServer.h"
+#include "PrivateTemporaryDirectory.h"
 
 #include <QCoreApplication>
 #include <QDeadlineTimer>
@@ -1066,27 +1067,6 @@ int usage()
     return 2;
 }
 
-// A private temporary directory: the trel-http-fetcher.* count must not see
-// other processes' files.
-struct PrivateTemp
-{
-    QByteArray path;
-    PrivateTemp()
-    {
-        QByteArray pattern = QDir::tempPath().toLocal8Bit() + "/trel-soak.XXXXXX";
-        if (::mkdtemp(pattern.data())) {
-            path = pattern;
-            ::setenv("TMPDIR", path.constData(), 1);
-        }
-    }
-    ~PrivateTemp()
-    {
-        if (!path.isEmpty()) {
-            QDir(QString::fromLocal8Bit(path)).removeRecursively();
-        }
-    }
-};
-
 } // namespace
 
 int main(int argc, char** argv)
@@ -1125,7 +1105,7 @@ int main(int argc, char** argv)
         return usage();
     }
 
-    const PrivateTemp temp;
+    const trel::test::PrivateTemporaryDirectory temp("trel-soak");
     log4cplus::Initializer logging;
     // The library's refusals and errors go to standard error; its trace stays off.
     {

@@ -1,5 +1,8 @@
 // The test main shared by every test executable: owns the QCoreApplication
-// that the client, its timers and its notifiers need, then runs GoogleTest.
+// that the client, its timers and its notifiers need, and a temporary
+// directory of its own, then runs GoogleTest.
+
+#include "PrivateTemporaryDirectory.h"
 
 #include <gtest/gtest.h>
 
@@ -9,6 +12,7 @@
 
 int main(int argc, char** argv)
 {
+    const trel::test::PrivateTemporaryDirectory temporary("trel-test");
     log4cplus::Initializer logging;
     QCoreApplication app(argc, argv);
     ::testing::InitGoogleTest(&argc, argv);
