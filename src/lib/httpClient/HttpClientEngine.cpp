@@ -152,8 +152,9 @@ void HttpClient::on_writeNotifier_activated(int socket)
     // A socket libcurl still writes to stays enabled; one it no longer asks
     // to write to would fire on every turn, so it is silenced for a while. One
     // libcurl removed during the action is disabled already and stays so.
-    const QSharedPointer<QSocketNotifier> notifier = writeNotifiers.value(socket);
-    if (notifier && notifier->isEnabled() && !writeWantedSockets.contains(socket)) {
+    const auto notifier = writeNotifiers.constFind(socket);
+    if (notifier != writeNotifiers.cend() && (*notifier)->isEnabled()
+        && !writeWantedSockets.contains(socket)) {
         blockWriteNotifier(socket);
     }
 }

@@ -7,6 +7,7 @@
 #include <trel/Version.h>
 
 #include "Log.h"
+#include "UrlUserInfo.h"
 
 #include <QFile>
 
@@ -47,28 +48,12 @@ long postRedirectMask(const QSet<HttpClientOptions::HttpPostRedirFlags>& flags)
     return mask;
 }
 
-// User information in the URL is what libcurl authenticates with. In a fully
-// encoded URL an '@' of the user or password is written %40, so a literal one
-// inside the authority (between "//" and the path, query or fragment) is the
-// separator, with the user information before it.
+// User information in the URL, even a user alone, is what libcurl
+// authenticates with.
 bool carriesUserInfo(const QByteArray& encodedUrl)
 {
-    const int schemeEnd = encodedUrl.indexOf("://");
-    if (schemeEnd < 0) {
-        return false;
-    }
-    const int authorityStart = schemeEnd + 3;
-    const int separator = encodedUrl.indexOf('@', authorityStart);
-    if (separator <= authorityStart) {
-        return false;
-    }
-    for (int i = authorityStart; i < separator; ++i) {
-        const char c = encodedUrl.at(i);
-        if (c == '/' || c == '?' || c == '#') {
-            return false;
-        }
-    }
-    return true;
+    const std::pair<int, int> userInfo = trel::url::userInfoSpan(encodedUrl);
+    return userInfo.second > userInfo.first;
 }
 } // namespace
 

@@ -2,6 +2,7 @@
 // would reach anyone at all.
 
 #include "Log.h"
+#include "UrlUserInfo.h"
 
 #include <QStringList>
 
@@ -22,27 +23,15 @@ bool isCredentialField(const QString& name)
 // an encoded URL; both -1 when it has none.
 std::pair<int, int> passwordSpan(const QByteArray& url)
 {
-    const int schemeEnd = url.indexOf("://");
-    if (schemeEnd < 0) {
+    const std::pair<int, int> userInfo = trel::url::userInfoSpan(url);
+    if (userInfo.first < 0) {
         return { -1, -1 };
     }
-    const int authorityStart = schemeEnd + 3;
-    int authorityEnd = url.size();
-    for (const char stop : { '/', '?', '#' }) {
-        const int at = url.indexOf(stop, authorityStart);
-        if (at >= 0 && at < authorityEnd) {
-            authorityEnd = at;
-        }
-    }
-    const int userInfoEnd = url.lastIndexOf('@', authorityEnd - 1);
-    if (userInfoEnd < authorityStart) {
+    const int colon = url.indexOf(':', userInfo.first);
+    if (colon < 0 || colon > userInfo.second) {
         return { -1, -1 };
     }
-    const int colon = url.indexOf(':', authorityStart);
-    if (colon < 0 || colon > userInfoEnd) {
-        return { -1, -1 };
-    }
-    return { colon + 1, userInfoEnd };
+    return { colon + 1, userInfo.second };
 }
 
 QByteArray withoutPassword(QByteArray url)
