@@ -34,9 +34,7 @@ HttpClientOptions withInactivityLimit(int limitMs)
 
 ScriptedResponse neverAnswered()
 {
-    ScriptedResponse response;
-    response.fault = ScriptedResponse::Fault::Stall;
-    return response;
+    return ScriptedResponse::withFault(ScriptedResponse::Fault::Stall);
 }
 
 void expectInactivityTimeout(const HttpClientResult& result)

@@ -763,11 +763,8 @@ TEST_F(HttpClientRequest, RedirectToAnotherSchemeIsRefused)
 
 TEST_F(HttpClientRequest, StalledServerWithATimeoutIsTimeout)
 {
-    server().setHandler([](const RecordedRequest&) {
-        ScriptedResponse response;
-        response.fault = ScriptedResponse::Fault::Stall;
-        return response;
-    });
+    server().setHandler(
+        [](const RecordedRequest&) { return ScriptedResponse::withFault(ScriptedResponse::Fault::Stall); });
     options.setTimeoutMs(300);
     LogCapture capture;
     client.get(url("/stall"), options, results.callback());
@@ -1183,9 +1180,7 @@ TEST_F(HttpClientRequest, AHeaderThatWouldSplitOnTheWireRefusesTheRequestAndSend
 ScriptedResponse stallOn(const RecordedRequest& request, const QByteArray& path)
 {
     if (request.target.startsWith(path)) {
-        ScriptedResponse response;
-        response.fault = ScriptedResponse::Fault::Stall;
-        return response;
+        return ScriptedResponse::withFault(ScriptedResponse::Fault::Stall);
     }
     return LoopbackServer::defaultRoutes(request);
 }
@@ -1606,11 +1601,8 @@ TEST_F(HttpClientRequest, ResponsesThatVaryAreNotStoredUnlessOnlyByEncoding)
 
 TEST_F(HttpClientRequest, CancelReportsErrorMinusOnceAfterCancelReturns)
 {
-    server().setHandler([](const RecordedRequest&) {
-        ScriptedResponse response;
-        response.fault = ScriptedResponse::Fault::Stall;
-        return response;
-    });
+    server().setHandler(
+        [](const RecordedRequest&) { return ScriptedResponse::withFault(ScriptedResponse::Fault::Stall); });
     void* const id = client.get(url("/slow"), options, results.callback());
     ASSERT_TRUE(waitForServer(1));
     LogCapture capture(log4cplus::DEBUG_LOG_LEVEL);
@@ -1769,11 +1761,8 @@ TEST_F(HttpClientRequest, CallsFromAnotherThreadAreRefused)
 
 TEST_F(HttpClientRequest, DestroyingTheClientCancelsLiveTransfersAndReportsToSlots)
 {
-    server().setHandler([](const RecordedRequest&) {
-        ScriptedResponse response;
-        response.fault = ScriptedResponse::Fault::Stall;
-        return response;
-    });
+    server().setHandler(
+        [](const RecordedRequest&) { return ScriptedResponse::withFault(ScriptedResponse::Fault::Stall); });
     ResultReceiver receiver;
     bool callbackRan = false;
     {

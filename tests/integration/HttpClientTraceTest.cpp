@@ -262,9 +262,7 @@ TEST_F(HttpClientTrace, AnInterimResponsesStatusLineComesFirst)
 TEST_F(HttpClientTrace, ACancelledRequestsTraceNeverComesInsideCancelAndEndsBeforeItsResult)
 {
     server.setHandler([](const trel::test::RecordedRequest&) {
-        ScriptedResponse response;
-        response.fault = ScriptedResponse::Fault::Stall;
-        return response;
+        return ScriptedResponse::withFault(ScriptedResponse::Fault::Stall);
     });
     TraceJournal journal;
     void* const id = client.get(url("/stall"), traced(journal), journal.result());

@@ -104,9 +104,7 @@ ScriptedResponse routes(const RecordedRequest& request)
 {
     const QByteArray path = request.target.split('?').first();
     if (path == "/empty") {
-        ScriptedResponse response;
-        response.fault = ScriptedResponse::Fault::CloseWithoutResponse;
-        return response;
+        return ScriptedResponse::withFault(ScriptedResponse::Fault::CloseWithoutResponse);
     }
     if (path == "/truncated") {
         ScriptedResponse response = ScriptedResponse::ok(QByteArray(1000, 't'));
@@ -115,9 +113,7 @@ ScriptedResponse routes(const RecordedRequest& request)
         return response;
     }
     if (path == "/stall") {
-        ScriptedResponse response;
-        response.fault = ScriptedResponse::Fault::Stall;
-        return response;
+        return ScriptedResponse::withFault(ScriptedResponse::Fault::Stall);
     }
     if (path == "/busy") {
         ScriptedResponse response = ScriptedResponse::ok("busy\n");

@@ -38,9 +38,7 @@ ScriptedResponse routes(const RecordedRequest& request)
         return response;
     }
     if (path == "/stall") {
-        ScriptedResponse response;
-        response.fault = ScriptedResponse::Fault::Stall;
-        return response;
+        return ScriptedResponse::withFault(ScriptedResponse::Fault::Stall);
     }
     return LoopbackServer::defaultRoutes(request);
 }

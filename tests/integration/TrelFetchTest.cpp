@@ -67,9 +67,7 @@ ScriptedResponse routes(const RecordedRequest& request)
             .addHeader("Set-Cookie", "b=2");
     }
     if (path == "/stall") {
-        ScriptedResponse response;
-        response.fault = ScriptedResponse::Fault::Stall;
-        return response;
+        return ScriptedResponse::withFault(ScriptedResponse::Fault::Stall);
     }
     if (path == "/reset") {
         ScriptedResponse response = ScriptedResponse::ok(QByteArray(100000, 'r'));

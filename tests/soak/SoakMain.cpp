@@ -260,9 +260,7 @@ ScriptedResponse soakRoutes(const RecordedRequest& request)
 {
     const QByteArray path = request.target.split('?').first();
     if (path == "/stall") {
-        ScriptedResponse response;
-        response.fault = ScriptedResponse::Fault::Stall;
-        return response;
+        return ScriptedResponse::withFault(ScriptedResponse::Fault::Stall);
     }
     if (path.startsWith("/slow/")) {
         ScriptedResponse response = ScriptedResponse::ok("slow");

@@ -161,6 +161,13 @@ ScriptedResponse ScriptedResponse::redirect(int status, const QByteArray& locati
     return response;
 }
 
+ScriptedResponse ScriptedResponse::withFault(Fault fault)
+{
+    ScriptedResponse response;
+    response.fault = fault;
+    return response;
+}
+
 // ---------------------------------------------------------------------------
 // One accepted connection: the bytes not yet parsed, what is still to be
 // written, and the response waiting for its delay.

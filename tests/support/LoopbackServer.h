@@ -76,6 +76,8 @@ struct ScriptedResponse
     ScriptedResponse& addHeader(const QByteArray& name, const QByteArray& value);
     static ScriptedResponse ok(const QByteArray& body, const QByteArray& contentType = "text/plain");
     static ScriptedResponse redirect(int status, const QByteArray& location);
+    // Nothing but the fault (a stall, a close before any byte, ...).
+    static ScriptedResponse withFault(Fault fault);
 };
 
 class LoopbackServer
