@@ -14,11 +14,16 @@ QString headerValue(const WriteOutValues& values, const QString& name)
     return values.headers.values(name).join(", ");
 }
 
+QString httpCode(const WriteOutValues& values)
+{
+    return QString("%1").arg(values.httpCode, 3, 10, QChar('0'));
+}
+
 std::optional<QString> variable(const QString& name, const WriteOutValues& values)
 {
     static const std::map<QString, std::function<QString(const WriteOutValues&)>> variables = {
-        { "http_code", [](const auto& v) { return QString("%1").arg(v.httpCode, 3, 10, QChar('0')); } },
-        { "response_code", [](const auto& v) { return QString("%1").arg(v.httpCode, 3, 10, QChar('0')); } },
+        { "http_code", httpCode },
+        { "response_code", httpCode }, // curl's older name for the same
         { "size_download", [](const auto& v) { return QString::number(v.sizeDownload); } },
         { "size_upload", [](const auto& v) { return QString::number(v.sizeUpload); } },
         { "time_total", [](const auto& v) { return QString::number(v.timeTotal, 'f', 6); } },
