@@ -142,7 +142,7 @@ TEST(HttpClientTransferConfig, DefaultsFollowFiveRedirectsNoTimeoutCompressionAn
     EXPECT_EQ(easyOption(*transfer, CURLOPT_TCP_KEEPALIVE), 1);
     EXPECT_EQ(easyOption(*transfer, CURLOPT_TCP_KEEPIDLE), 60);
     EXPECT_EQ(easyOption(*transfer, CURLOPT_TCP_KEEPINTVL), 60);
-    EXPECT_EQ(easyOption(*transfer, CURLOPT_BUFFERSIZE), 512 * 1024);
+    EXPECT_EQ(easyOption(*transfer, CURLOPT_BUFFERSIZE), 2 * 1024 * 1024);
     EXPECT_EQ(curlOptions::easy(transfer->handle(), CURLOPT_URL)->text, "http://127.0.0.1:9/");
     // Only http and https, also after a redirect.
     ASSERT_TRUE(curlOptions::easy(transfer->handle(), CURLOPT_PROTOCOLS_STR));
