@@ -824,10 +824,11 @@ QByteArray mappingFlags(const void* address)
         const int space = line.indexOf(' ');
         const bool field = space > 0 && line.at(space - 1) == ':'; // "Name: value"
         if (!field && dash > 0 && space > dash) { // "start-end perms offset device inode [path]"
-            bool ok = false;
-            const quintptr start = line.left(dash).toULongLong(&ok, 16);
-            const quintptr end = line.mid(dash + 1, space - dash - 1).toULongLong(&ok, 16);
-            inside = ok && start <= where && where < end;
+            bool startRead = false;
+            bool endRead = false;
+            const quintptr start = line.left(dash).toULongLong(&startRead, 16);
+            const quintptr end = line.mid(dash + 1, space - dash - 1).toULongLong(&endRead, 16);
+            inside = startRead && endRead && start <= where && where < end;
         } else if (inside && line.startsWith("VmFlags:")) {
             return line.mid(8).trimmed();
         }
