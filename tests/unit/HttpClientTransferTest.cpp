@@ -836,15 +836,21 @@ QByteArray mappingFlags(const void* address)
     return QByteArray();
 }
 
-TEST(HttpClientTransferReceive, ALargeBodyIsAdvisedOntoHugePagesFromItsFirstBytes)
+// A GET without a read-size limit whose response head announced length bytes.
+auto unlimitedTransferAnnouncing(TransferFactory& factory, int length)
 {
-    TransferFactory factory;
     HttpClientOptions options;
     options.setReadSizeLimit(-1);
     auto transfer = factory.make(HttpClient::Get, options);
-    constexpr int kSize = 10 << 20;
     feedHeaderLines(
-        *transfer, "HTTP/1.1 200 OK\r\nContent-Length: " + QByteArray::number(kSize) + "\r\n\r\n");
+        *transfer, "HTTP/1.1 200 OK\r\nContent-Length: " + QByteArray::number(length) + "\r\n\r\n");
+    return transfer;
+}
+
+TEST(HttpClientTransferReceive, ALargeBodyIsAdvisedOntoHugePagesFromItsFirstBytes)
+{
+    TransferFactory factory;
+    auto transfer = unlimitedTransferAnnouncing(factory, 10 << 20);
     ASSERT_EQ(feedBody(*transfer, "abc"), 3u);
     // A whole 2 MiB page far beyond the first step of prepared pages.
     const auto* const data = Access::buffer(*transfer).body.constData();
@@ -857,12 +863,8 @@ TEST(HttpClientTransferReceive, ALargeBodyIsAdvisedOntoHugePagesFromItsFirstByte
 TEST(HttpClientTransferReceive, ABodyPastTheHeadStartGrowsAsItArrivesAndStaysIntact)
 {
     TransferFactory factory;
-    HttpClientOptions options;
-    options.setReadSizeLimit(-1);
-    auto transfer = factory.make(HttpClient::Get, options);
     constexpr int kSize = 40 << 20;
-    feedHeaderLines(
-        *transfer, "HTTP/1.1 200 OK\r\nContent-Length: " + QByteArray::number(kSize) + "\r\n\r\n");
+    auto transfer = unlimitedTransferAnnouncing(factory, kSize);
     QCryptographicHash expected(QCryptographicHash::Sha256);
     for (int i = 0; i < kSize; i += 65536) {
         const QByteArray piece(65536, static_cast<char>('a' + (i / 65536) % 26));
