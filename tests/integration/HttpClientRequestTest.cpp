@@ -1955,8 +1955,6 @@ TEST_F(HttpClientRequest, NothingIsLeftAfterAClientWithHundredsOfRequestsIsDestr
     EXPECT_EQ(QDir::temp().entryList({ "trel-http-fetcher.*" }, QDir::Files), tempBefore);
 }
 
-} // namespace
-
 // Results are delivered after their transfers have left libcurl, so a batch of
 // answers can leave no transfer running at all. The next batch must still find
 // every connection the previous one used.
@@ -1981,3 +1979,5 @@ TEST_F(HttpClientRequest, IdleConnectionsOutlastABatchThatEndsEveryTransfer)
     }
     EXPECT_EQ(server().connectionCount() - connectionsBefore, kInFlight);
 }
+
+} // namespace

@@ -1,7 +1,8 @@
 #pragma once
 
 // What the kernel says about this test process: its resident memory, now and
-// at its peak, and the scheduler state of its threads, for tests that bound
+// at its peak, the flags of the mapping that holds an address, and the
+// scheduler state of its threads, for tests that bound
 // memory or wait until a thread is asleep in a blocking call.
 
 #include <QByteArray>
@@ -66,6 +67,35 @@ inline char threadState(pid_t tid)
         return '?';
     }
     return line[close + 2];
+}
+
+// The kernel's flags for the mapping that holds address: "hg" marks memory
+// advised onto transparent huge pages. Empty when no mapping holds it.
+inline QByteArray mappingFlags(const void* address)
+{
+    QFile maps(QStringLiteral("/proc/self/smaps"));
+    if (!maps.open(QIODevice::ReadOnly | QIODevice::Text)) {
+        return QByteArray();
+    }
+    const auto where = reinterpret_cast<quintptr>(address);
+    bool inside = false;
+    // /proc files announce no size, so atEnd() cannot be trusted: read it all.
+    const QList<QByteArray> lines = maps.readAll().split('\n');
+    for (const QByteArray& line : lines) {
+        const int dash = line.indexOf('-');
+        const int space = line.indexOf(' ');
+        const bool field = space > 0 && line.at(space - 1) == ':'; // "Name: value"
+        if (!field && dash > 0 && space > dash) { // "start-end perms offset device inode [path]"
+            bool startRead = false;
+            bool endRead = false;
+            const quintptr start = line.left(dash).toULongLong(&startRead, 16);
+            const quintptr end = line.mid(dash + 1, space - dash - 1).toULongLong(&endRead, 16);
+            inside = startRead && endRead && start <= where && where < end;
+        } else if (inside && line.startsWith("VmFlags:")) {
+            return line.mid(8).trimmed();
+        }
+    }
+    return QByteArray();
 }
 
 } // namespace trel::test

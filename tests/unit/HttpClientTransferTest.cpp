@@ -8,6 +8,7 @@
 
 #include "CurlOptionRecorder.h"
 #include "LogCapture.h"
+#include "ProcessState.h"
 #include "QtCompat.h"
 #include "WaitFor.h"
 
@@ -807,35 +808,6 @@ TEST(HttpClientTransferReceive, AnAnnouncedLengthBuysAHeadStartNotTheWholeLength
     }
 }
 
-// The kernel's flags for the mapping that holds address: "hg" marks memory
-// advised onto transparent huge pages. Empty when no mapping holds it.
-QByteArray mappingFlags(const void* address)
-{
-    QFile maps(QStringLiteral("/proc/self/smaps"));
-    if (!maps.open(QIODevice::ReadOnly | QIODevice::Text)) {
-        return QByteArray();
-    }
-    const auto where = reinterpret_cast<quintptr>(address);
-    bool inside = false;
-    // /proc files announce no size, so atEnd() cannot be trusted: read it all.
-    const QList<QByteArray> lines = maps.readAll().split('\n');
-    for (const QByteArray& line : lines) {
-        const int dash = line.indexOf('-');
-        const int space = line.indexOf(' ');
-        const bool field = space > 0 && line.at(space - 1) == ':'; // "Name: value"
-        if (!field && dash > 0 && space > dash) { // "start-end perms offset device inode [path]"
-            bool startRead = false;
-            bool endRead = false;
-            const quintptr start = line.left(dash).toULongLong(&startRead, 16);
-            const quintptr end = line.mid(dash + 1, space - dash - 1).toULongLong(&endRead, 16);
-            inside = startRead && endRead && start <= where && where < end;
-        } else if (inside && line.startsWith("VmFlags:")) {
-            return line.mid(8).trimmed();
-        }
-    }
-    return QByteArray();
-}
-
 // A GET without a read-size limit whose response head announced length bytes.
 auto unlimitedTransferAnnouncing(TransferFactory& factory, int length)
 {
@@ -855,7 +827,8 @@ TEST(HttpClientTransferReceive, ALargeBodyIsAdvisedOntoHugePagesFromItsFirstByte
     // A whole 2 MiB page far beyond the first step of prepared pages.
     const auto* const data = Access::buffer(*transfer).body.constData();
     const auto middle = (reinterpret_cast<quintptr>(data) + (6 << 20)) & ~quintptr((2 << 20) - 1);
-    const QList<QByteArray> flags = mappingFlags(reinterpret_cast<const void*>(middle)).split(' ');
+    const QList<QByteArray> flags
+        = trel::test::mappingFlags(reinterpret_cast<const void*>(middle)).split(' ');
     ASSERT_TRUE(flags.contains("rd")) << "no mapping found for the body";
     EXPECT_TRUE(flags.contains("hg")) << flags.join(' ').constData();
 }

@@ -36,10 +36,12 @@ constexpr std::int64_t kPreparedStep = std::int64_t(2) << 20;
 constexpr std::uintptr_t kHugePageSize = std::uintptr_t(2) << 20;
 constexpr std::uintptr_t kPageSize = 4096;
 
-// Gives advice for the pages of pageSize wholly inside [start, stop); a
+// Gives advice for the pages of pageSize wholly inside [data, data + size); a
 // refusal (older kernels) changes nothing.
-void adviseWholePages(std::uintptr_t start, std::uintptr_t stop, std::uintptr_t pageSize, int advice)
+void adviseWholePages(const char* data, std::int64_t size, std::uintptr_t pageSize, int advice)
 {
+    const auto start = reinterpret_cast<std::uintptr_t>(data);
+    const std::uintptr_t stop = start + static_cast<std::uintptr_t>(size);
     const std::uintptr_t begin = (start + pageSize - 1) & ~(pageSize - 1);
     const std::uintptr_t end = stop & ~(pageSize - 1);
     if (end > begin) {
@@ -50,27 +52,19 @@ void adviseWholePages(std::uintptr_t start, std::uintptr_t stop, std::uintptr_t 
 // Asks for transparent huge pages over the whole of a body's buffer, once per
 // buffer: advice given a step at a time rarely covered a whole aligned 2 MiB
 // page, and a 10 MiB body got none.
-void adviseHugePages(const char* data, std::int64_t capacity)
+void adviseHugePages([[maybe_unused]] const char* data, [[maybe_unused]] std::int64_t capacity)
 {
 #ifdef MADV_HUGEPAGE
-    const auto start = reinterpret_cast<std::uintptr_t>(data);
-    adviseWholePages(start, start + static_cast<std::uintptr_t>(capacity), kHugePageSize, MADV_HUGEPAGE);
-#else
-    (void)data;
-    (void)capacity;
+    adviseWholePages(data, capacity, kHugePageSize, MADV_HUGEPAGE);
 #endif
 }
 
 // Faults in the pages of [data, data + size) by one call instead of one fault
 // each.
-void populatePages(const char* data, std::int64_t size)
+void populatePages([[maybe_unused]] const char* data, [[maybe_unused]] std::int64_t size)
 {
 #ifdef MADV_POPULATE_WRITE
-    const auto start = reinterpret_cast<std::uintptr_t>(data);
-    adviseWholePages(start, start + static_cast<std::uintptr_t>(size), kPageSize, MADV_POPULATE_WRITE);
-#else
-    (void)data;
-    (void)size;
+    adviseWholePages(data, size, kPageSize, MADV_POPULATE_WRITE);
 #endif
 }
 
