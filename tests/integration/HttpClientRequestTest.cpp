@@ -1955,29 +1955,4 @@ TEST_F(HttpClientRequest, NothingIsLeftAfterAClientWithHundredsOfRequestsIsDestr
     EXPECT_EQ(QDir::temp().entryList({ "trel-http-fetcher.*" }, QDir::Files), tempBefore);
 }
 
-// Results are delivered after their transfers have left libcurl, so a batch of
-// answers can leave no transfer running at all. The next batch must still find
-// every connection the previous one used.
-TEST_F(HttpClientRequest, IdleConnectionsOutlastABatchThatEndsEveryTransfer)
-{
-    constexpr int kInFlight = 20;
-    const int connectionsBefore = server().connectionCount();
-    server().setHandler([](const RecordedRequest& request) {
-        ScriptedResponse response = LoopbackServer::defaultRoutes(request);
-        response.delayMs = 50; // every request of a batch is in flight before the first answer
-        return response;
-    });
-    for (int batch = 1; batch <= 2; ++batch) {
-        for (int i = 0; i < kInFlight; ++i) {
-            EXPECT_NE(
-                client.get(url("/batch/" + QByteArray::number(i)), options, results.callback()), nullptr);
-        }
-        ASSERT_TRUE(results.waitFor(batch * kInFlight));
-    }
-    for (const HttpClientResult& result : results.received) {
-        EXPECT_EQ(result.status, HttpClientStatus::OK);
-    }
-    EXPECT_EQ(server().connectionCount() - connectionsBefore, kInFlight);
-}
-
 } // namespace

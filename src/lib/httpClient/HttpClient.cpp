@@ -35,17 +35,6 @@ long defaultMaxConnections()
     return static_cast<long>(
         std::clamp<rlim_t>(limit.rlim_cur / 2, kMinDefaultConnections, kMaxDefaultConnections));
 }
-
-// The idle connections kept for reuse follow the same limit. libcurl's own
-// default keeps four per transfer in the multi handle at that moment: when a
-// batch of results drains the multi handle before the next requests are
-// added, it closed connections those requests then opened again (24
-// connections instead of 20 for two batches of 20).
-void applyConnectionLimit(CURLM* multi, long connectionLimit)
-{
-    curl_multi_setopt(multi, CURLMOPT_MAX_TOTAL_CONNECTIONS, connectionLimit);
-    curl_multi_setopt(multi, CURLMOPT_MAXCONNECTS, connectionLimit);
-}
 } // namespace
 
 HttpClient::HttpClient(QObject* parent, HttpVersion version, bool encodePlusSign)
@@ -64,7 +53,7 @@ HttpClient::HttpClient(QObject* parent, HttpVersion version, bool encodePlusSign
         "HttpVersion: " << static_cast<int>(version) << " encodePlusSign: " << encodePlusSign);
     multi = curl_multi_init();
     curl_multi_setopt(multi, CURLMOPT_SOCKETFUNCTION, &HttpClient::handleSocket);
-    applyConnectionLimit(multi, connectionLimit);
+    curl_multi_setopt(multi, CURLMOPT_MAX_TOTAL_CONNECTIONS, connectionLimit);
     curl_multi_setopt(multi, CURLMOPT_SOCKETDATA, this);
 
     // Queued: libcurl's timeouts are served from the event loop, never inside
@@ -171,7 +160,7 @@ void HttpClient::setMaxConnections(int connections)
         return;
     }
     connectionLimit = std::max(connections, 0);
-    applyConnectionLimit(multi, connectionLimit);
+    curl_multi_setopt(multi, CURLMOPT_MAX_TOTAL_CONNECTIONS, connectionLimit);
     admitWaiting(); // a higher limit lets waiting requests go at once
 }
 
